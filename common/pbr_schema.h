@@ -34,11 +34,11 @@ inline constexpr const char* kNextHopIpSuffix = "/rule/action/next-hop/ip";
 inline constexpr int kDescriptionBufferSize = 33;
 
 // Keypath positions of the rule's key, by the kind of node changed.
-inline constexpr int kKeyPosEntry = 0;        // /router/pbr{id}
-inline constexpr int kKeyPosRuleLeaf = 2;     // .../rule/priority, .../rule/description
-inline constexpr int kKeyPosInterface = 4;    // .../rule/match/interface{name}
-inline constexpr int kKeyPosNextHop = 4;      // .../rule/action/next-hop/ip
-inline constexpr int kKeyPosMatchIp = 6;      // .../rule/match/source/ipv4-address/mask/ip
+inline constexpr int kKeyPosEntry = 0;      // /router/pbr{id}
+inline constexpr int kKeyPosRuleLeaf = 2;   // .../rule/priority, .../rule/description
+inline constexpr int kKeyPosInterface = 4;  // .../rule/match/interface{name}
+inline constexpr int kKeyPosNextHop = 4;    // .../rule/action/next-hop/ip
+inline constexpr int kKeyPosMatchIp = 6;    // .../rule/match/source/ipv4-address/mask/ip
 // Parent tags that tell the three `ip` leaves apart.
 inline constexpr int kPosIpParent = 1;        // next-hop, mask or no-mask
 inline constexpr int kPosMatchDirection = 3;  // source or destination

@@ -124,12 +124,12 @@ struct confd_trans_ctx;
   ((tv)->tag.tag = (t), (tv)->tag.ns = 0, CONFD_SET_STR(&(tv)->v, (x)))
 #define CONFD_SET_TAG_ENUM_VALUE(tv, t, x) \
   ((tv)->tag.tag = (t), (tv)->tag.ns = 0, CONFD_SET_ENUM_VALUE(&(tv)->v, (x)))
-#define CONFD_SET_TAG_XMLBEGIN(tv, t, n)                                  \
+#define CONFD_SET_TAG_XMLBEGIN(tv, t, n)                               \
   ((tv)->tag.tag = (t), (tv)->tag.ns = (n), (tv)->v.type = C_XMLBEGIN, \
    (tv)->v.val.xmltag.tag = (t), (tv)->v.val.xmltag.ns = (n))
-#define CONFD_SET_TAG_XMLEND(tv, t, n)                                  \
-  ((tv)->tag.tag = (t), (tv)->tag.ns = (n), (tv)->v.type = C_XMLEND, \
-   (tv)->v.val.xmltag.tag = (t), (tv)->v.val.xmltag.ns = (n))
+#define CONFD_SET_TAG_XMLEND(tv, t, n)                                                             \
+  ((tv)->tag.tag = (t), (tv)->tag.ns = (n), (tv)->v.type = C_XMLEND, (tv)->v.val.xmltag.tag = (t), \
+   (tv)->v.val.xmltag.ns = (n))
 
 // CDB reads on a socket that the framework opened. Each takes a path as a printf-style format.
 // Results are CONFD_OK or CONFD_ERR (confd_lasterr() tells why); cdb_exists answers 1 or 0 and

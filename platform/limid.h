@@ -16,4 +16,6 @@ int limid_from_intfname(limid_t* id, const char* name);
 
 }  // extern "C"
 
-inline bool operator==(const limid_t& a, const limid_t& b) { return a.value == b.value; }
+inline bool operator==(const limid_t& a, const limid_t& b) {
+  return a.value == b.value;
+}
