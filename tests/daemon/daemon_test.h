@@ -7,9 +7,10 @@
 #include "tests/support/fake_confd.h"
 #include "tests/support/fake_middleware.h"
 
+// Resets in the constructor, before the derived fixture's members are built.
 class DaemonTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  DaemonTest() {
     fake::ResetMiddleware();
     fake::ResetCdb();
   }
