@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "tests/support/fake_confd.h"
 #include "tests/support/fake_middleware.h"
 
@@ -15,6 +17,16 @@ class DaemonTest : public ::testing::Test {
     fake::ResetCdb();
   }
 };
+
+// `text` as a regular expression that matches exactly it.
+inline std::string Literal(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
+    out += c;
+  }
+  return out;
+}
 
 // Death tests fork: the child echoes its journal (faults, backtraces) to stderr, where the
 // parent matches it.
