@@ -104,8 +104,9 @@ void vqmw_print_backtrace(void) {
     int count = backtrace(frames, 64);
     char** symbols = backtrace_symbols(frames, count);
     std::vector<std::string> lines;
-    // Frame 0 is this function.
-    for (int i = 1; i < count; ++i) {
+    // Frames are kept from the first, this function: how many the libc (or a sanitizer's
+    // interceptor) adds in front varies.
+    for (int i = 0; i < count; ++i) {
       if (symbols != nullptr) {
         lines.push_back(vqmw::Demangle(symbols[i]));
       } else {

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,6 +23,17 @@ __attribute__((noinline)) void BacktraceFromHere() {
 
 namespace {
 
+// "2024-05-01T12:00:00.123Z": UTC with milliseconds.
+bool IsUtcTime(const std::string& text) {
+  const std::string shape = "dddd-dd-ddTdd:dd:dd.dddZ";
+  if (text.size() != shape.size()) return false;
+  for (size_t i = 0; i < shape.size(); ++i) {
+    if (shape[i] == 'd' ? !std::isdigit(static_cast<unsigned char>(text[i])) : text[i] != shape[i])
+      return false;
+  }
+  return true;
+}
+
 std::vector<nlohmann::json> FaultRecords(const pbrtest::ElementEnv& env) {
   std::vector<nlohmann::json> records;
   std::istringstream lines(env.Faults());
@@ -40,9 +51,7 @@ TEST(Fault, RecordCarriesAllItsFields) {
   auto records = FaultRecords(env);
   ASSERT_EQ(records.size(), 2u);
   const auto& fatal = records[0];
-  EXPECT_TRUE(std::regex_match(fatal["time"].get<std::string>(),
-                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")))
-      << fatal["time"];
+  EXPECT_TRUE(IsUtcTime(fatal["time"])) << fatal["time"];
   EXPECT_EQ(fatal["severity"], 1);
   EXPECT_EQ(fatal["application"], "pbr-app");
   EXPECT_EQ(fatal["pid"], getpid());
@@ -86,8 +95,10 @@ TEST(Fault, BacktraceNamesTheCallersDemangled) {
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0]["application"], "pbr-app");
   ASSERT_TRUE(records[0]["backtrace"].is_array());
-  std::string first = records[0]["backtrace"][0];
-  EXPECT_NE(first.find("pbrtest::BacktraceFromHere()"), std::string::npos) << records[0];
+  bool named = false;
+  for (const auto& frame : records[0]["backtrace"])
+    named |= frame.get<std::string>().find("pbrtest::BacktraceFromHere()") != std::string::npos;
+  EXPECT_TRUE(named) << records[0];
   EXPECT_NE(env.Log().find("#0 "), std::string::npos);
   vqmw_finish(&mw);
 }
