@@ -1,0 +1,113 @@
+// The memory backend of the PBR manager client.
+#include "element/pbr/memory_backend.h"
+
+#include <cstring>
+
+#include "element/middleware/log.h"
+#include "element/middleware/loop.h"
+#include "element/pbr/atomic_file.h"
+#include "element/pbr/intf_names.h"
+#include "element/pbr/rule_json.h"
+#include "element/pbr/rule_status.h"
+#include "platform/zlog.h"
+
+#define PBR_TRACE(category, ...)                                                            \
+  zlog(category, __FILE_NAME__, sizeof(__FILE_NAME__) - 1, __func__, std::strlen(__func__), \
+       __LINE__, 10, __VA_ARGS__)
+
+namespace pbr {
+
+MemoryBackend::MemoryBackend(vqmw_t* mw, zlog_category_t* category, std::string state_path)
+    : mw_(mw),
+      category_(category),
+      state_path_(std::move(state_path)),
+      self_(std::make_shared<MemoryBackend*>(this)) {
+  WriteState();
+}
+
+MemoryBackend::~MemoryBackend() = default;
+
+Error MemoryBackend::SetEntry(const uint16_t& id, const Entry& entry) {
+  uint32_t status = kRuleProgrammed;
+  std::vector<std::string> ingress;
+  MatchIngressPorts ports({});
+  if (entry.getMatch(ports) == PBR_OK) {
+    for (const limid_t& port : ports.getPorts()) {
+      if (auto name = IntfNameFromLimid(port)) {
+        ingress.push_back(std::move(*name));
+      } else {
+        // An identifier that limid_from_intfname never handed out (or a vanished ifindex).
+        vqmw::Logger().warn("pbr-manager: rule {}: unknown ingress interface id {:#x}", id,
+                            port.value);
+        ingress.push_back("limid:" + std::to_string(port.value));
+        status = kRuleFailed;
+      }
+    }
+  }
+  Rule& rule = rules_[id];
+  rule.entry = entry;
+  rule.json = RuleToJson(id, entry, status, ingress);
+  PBR_TRACE(category_, "memory backend: rule %u set, status %u", id, status);
+  Report(id, status);
+  return PBR_OK;
+}
+
+Error MemoryBackend::DeleteEntry(const uint16_t& id) {
+  // Deleting an absent rule is not an error: the outcome, "not programmed", is the same.
+  bool existed = rules_.erase(id) > 0;
+  PBR_TRACE(category_, "memory backend: rule %u deleted%s", id, existed ? "" : " (was absent)");
+  Report(id, kRuleNotProgrammed);
+  return PBR_OK;
+}
+
+Error MemoryBackend::RegisterStatusListener(PbrStatusItf* listener) {
+  listener_ = listener;
+  return PBR_OK;
+}
+
+void MemoryBackend::Report(uint16_t id, uint32_t status) {
+  reports_.emplace_back(id, status);
+  state_dirty_ = true;
+  ScheduleFlush();
+}
+
+void MemoryBackend::ScheduleFlush() {
+  if (flush_scheduled_) return;
+  flush_scheduled_ = true;
+  vqmw::Defer(mw_, [self = std::weak_ptr<MemoryBackend*>(self_)] {
+    if (auto backend = self.lock()) (*backend)->Flush();
+  });
+}
+
+// The state file first, so that a listener told "programmed" finds the rule in it.
+void MemoryBackend::Flush() {
+  flush_scheduled_ = false;
+  if (state_dirty_) WriteState();
+  std::vector<std::pair<uint16_t, uint32_t>> reports;
+  reports.swap(reports_);
+  for (const auto& [id, status] : reports) {
+    if (listener_ != nullptr) listener_->StatusUpdateCb(id, status);
+  }
+}
+
+void MemoryBackend::WriteState() {
+  state_dirty_ = false;
+  size_t size = 64;
+  for (const auto& [id, rule] : rules_) size += rule.json.size() + 6;
+  std::string text;
+  text.reserve(size);
+  text += "{\n  \"backend\": \"memory\",\n  \"rules\": [";
+  const char* separator = "\n    ";
+  for (const auto& [id, rule] : rules_) {
+    text += separator;
+    text += rule.json;
+    separator = ",\n    ";
+  }
+  text += rules_.empty() ? "]\n}\n" : "\n  ]\n}\n";
+
+  std::string error;
+  if (!WriteFileAtomically(state_path_, text, &error))
+    vqmw::Logger().error("pbr-manager: cannot show the rules: {}", error);
+}
+
+}  // namespace pbr

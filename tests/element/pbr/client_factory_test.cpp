@@ -1,0 +1,44 @@
+// The choice of backend behind PbrClient::Build.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "element/pbr/client_factory.h"
+#include "platform/pbr_client.h"
+#include "tests/element/middleware/element_env.h"
+
+namespace {
+
+TEST(ClientFactory, MemoryIsTheDefaultAndCanBeNamed) {
+  pbrtest::ElementEnv env;
+  vqmw_t* mw = vqmw_init("pbr-app");
+  std::unique_ptr<pbr::PbrClient> by_default(pbr::PbrClient::Build(mw, nullptr));
+  EXPECT_NE(by_default, nullptr);
+  env.Set("PBR_ELEMENT_BACKEND", "memory");
+  std::unique_ptr<pbr::PbrClient> named(pbr::PbrClient::Build(mw, nullptr));
+  EXPECT_NE(named, nullptr);
+  vqmw_finish(&mw);
+}
+
+TEST(ClientFactory, UnknownBackendNamesTheValidOnes) {
+  pbrtest::ElementEnv env;
+  vqmw_t* mw = vqmw_init("pbr-app");
+  std::string error;
+  EXPECT_EQ(pbr::MakeClient(mw, nullptr, "fpga", &error), nullptr);
+  EXPECT_EQ(error, "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory");
+  EXPECT_EQ(pbr::MakeClient(nullptr, nullptr, "memory", &error), nullptr);
+  vqmw_finish(&mw);
+}
+
+TEST(ClientFactoryDeathTest, BuildEndsTheProcessWithAFaultWhenNoClientCanBeMade) {
+  pbrtest::ElementEnv env;
+  env.Set("PBR_ELEMENT_BACKEND", "fpga");
+  vqmw_t* mw = vqmw_init("pbr-app");
+  EXPECT_EXIT(pbr::PbrClient::Build(mw, nullptr), ::testing::ExitedWithCode(1),
+              "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory");
+  EXPECT_NE(env.Faults().find("\"severity\":1"), std::string::npos);
+  EXPECT_NE(env.Faults().find("names no backend"), std::string::npos);
+  vqmw_finish(&mw);
+}
+
+}  // namespace
