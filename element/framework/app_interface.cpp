@@ -29,12 +29,12 @@
 #include "element/framework/cdb.h"
 #include "element/framework/data_reply.h"
 #include "element/framework/values.h"
-#include "element/middleware/loop.h"
 #include "element/mgmt/framing.h"
 #include "element/mgmt/mgmt.pb.h"
+#include "element/middleware/loop.h"
 #include "platform/vqconfd.h"
 
-#define FW_LOG(impl, ...)                                                                  \
+#define FW_LOG(impl, ...)                                                                 \
   zlog((impl)->category, __FILE__, sizeof(__FILE__) - 1, __func__, std::strlen(__func__), \
        __LINE__, 10, __VA_ARGS__)
 
@@ -88,7 +88,9 @@ struct AppInterface::Impl {
   void OnIo(uint32_t revents);
   void Send(const pbr::mgmt::ClientMessage& message);
   void UpdateEvents() {
-    if (watch) vqmw::SetFdEvents(*watch, EPOLLIN | (stream.HasOutput() || connecting ? uint32_t{EPOLLOUT} : 0u));
+    if (watch)
+      vqmw::SetFdEvents(*watch,
+                        EPOLLIN | (stream.HasOutput() || connecting ? uint32_t{EPOLLOUT} : 0u));
   }
   void Handle(pbr::mgmt::ServerMessage& message);
   void HandleAttachReply(pbr::mgmt::AttachReply& reply);
@@ -171,7 +173,8 @@ void AppInterface::Impl::Drop(const std::string& why) {
   Close();
   if (connectedReported) {
     connectedReported = false;
-    for (ConfigHandler* h : configHandlers) Guard("ConfdDisconnected", [&] { h->ConfdDisconnected(); });
+    for (ConfigHandler* h : configHandlers)
+      Guard("ConfdDisconnected", [&] { h->ConfdDisconnected(); });
     for (DataHandler* h : dataHandlers) Guard("ConfdDisconnected", [&] { h->ConfdDisconnected(); });
   }
   ScheduleConnect(retry);
@@ -257,7 +260,8 @@ void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
   detail::CdbSnapshot snapshot(std::unique_ptr<pbr::mgmt::Node>(reply.release_root()));
   if (!snapshot.root()) return;
   connectedReported = true;
-  for (ConfigHandler* h : configHandlers) Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });
+  for (ConfigHandler* h : configHandlers)
+    Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });
   for (DataHandler* h : dataHandlers) Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });
   detail::OpenCdbSocket(fd, &snapshot);
   const int sock = fd;
@@ -347,8 +351,7 @@ void AppInterface::Impl::HandleGetObjects(const pbr::mgmt::GetObjects& request) 
   if (served != callpoints.end()) {
     Guard("TransactionInit", [&] { served->second.handler->TransactionInit(&tctx); });
   }
-  google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathElement> elements(
-      request.list_keypath());
+  google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathElement> elements(request.list_keypath());
   pbr::mgmt::KeypathElement* keyElement = elements.Add();
   for (const pbr::mgmt::Value& key : request.key()) {
     pbr::mgmt::ObjectReply* object = reply->add_object();
@@ -392,8 +395,8 @@ void AppInterface::Impl::Ack(uint64_t seq) {
 AppInterface::AppInterface(vqmw_t* mw, zlog_category_t* category, const char* appName,
                            const std::vector<ConfigHandler*>& configHandlers,
                            const std::vector<ActionHandler*>& /*actionHandlers*/,
-                           const std::vector<DataHandler*>& dataHandlers,
-                           ELEM_CONFD_PHASE_ET phase, int /*options*/)
+                           const std::vector<DataHandler*>& dataHandlers, ELEM_CONFD_PHASE_ET phase,
+                           int /*options*/)
     : impl_(std::make_unique<Impl>()) {
   impl_->mw = mw;
   impl_->category = category;

@@ -72,9 +72,13 @@ int ReadLeaf(int sock, confd_vtype type, const char* fmt, va_list ap, confd_valu
 
 }  // namespace
 
-void OpenCdbSocket(int sock, const CdbSnapshot* snapshot) { Sockets()[sock] = snapshot; }
+void OpenCdbSocket(int sock, const CdbSnapshot* snapshot) {
+  Sockets()[sock] = snapshot;
+}
 
-void CloseCdbSocket(int sock) { Sockets().erase(sock); }
+void CloseCdbSocket(int sock) {
+  Sockets().erase(sock);
+}
 
 }  // namespace vqconfd::detail
 

@@ -2,8 +2,8 @@
 
 #include "element/framework/values.h"
 
-extern "C" int confd_data_reply_tag_value_array(struct confd_trans_ctx* tctx,
-                                                confd_tag_value_t* tv, int n) {
+extern "C" int confd_data_reply_tag_value_array(struct confd_trans_ctx* tctx, confd_tag_value_t* tv,
+                                                int n) {
   if (!tctx || !tctx->reply || n < 0 || (n > 0 && !tv)) {
     vqconfd::detail::SetLastError("no get-object request to reply to");
     return CONFD_ERR;

@@ -16,7 +16,9 @@ DataHandler::DataHandler(bool f1, bool f2, bool f3, bool f4, bool f5, bool f6, b
     : flags_{f1, f2, f3, f4, f5, f6, f7} {}
 void DataHandler::TransactionInit(confd_trans_ctx*) {}
 void DataHandler::TransactionFinish(confd_trans_ctx*) {}
-std::vector<DataHandler::Callpoint*>& DataHandler::GetCallpoints() { return callpoints_; }
+std::vector<DataHandler::Callpoint*>& DataHandler::GetCallpoints() {
+  return callpoints_;
+}
 
 DataHandler::Callpoint::~Callpoint() = default;
 int DataHandler::Callpoint::ExistsOptionalCallback(confd_trans_ctx*, confd_hkeypath*) {

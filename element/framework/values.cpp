@@ -99,7 +99,9 @@ bool FromWire(const pbr::mgmt::Value& in, confd_value_t* out, bool copy) {
     case C_UINT8:
     case C_UINT16:
     case C_UINT32: {
-      const uint64_t max = out->type == C_UINT8 ? 0xff : out->type == C_UINT16 ? 0xffff : 0xffffffff;
+      const uint64_t max = out->type == C_UINT8    ? 0xff
+                           : out->type == C_UINT16 ? 0xffff
+                                                   : 0xffffffff;
       if (!ParseU64(text, max, &u)) return false;
       out->val.u32 = static_cast<uint32_t>(u);
       return true;
@@ -164,7 +166,9 @@ bool BuildKeypath(const google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathEle
   return true;
 }
 
-void SetLastError(std::string text) { lastError = std::move(text); }
+void SetLastError(std::string text) {
+  lastError = std::move(text);
+}
 
 }  // namespace vqconfd::detail
 
@@ -180,7 +184,9 @@ void confd_free_value(confd_value_t* v) {
   }
 }
 
-const char* confd_lasterr(void) { return lastError.c_str(); }
+const char* confd_lasterr(void) {
+  return lastError.c_str();
+}
 
 int confd_pp_kpath(char* buf, int bufsiz, const confd_hkeypath_t* hkeypath) {
   std::string text;
