@@ -1,0 +1,397 @@
+#include "element/mgmt/datastore.h"
+
+#include <set>
+#include <utility>
+
+#include "element/mgmt/data_path.h"
+#include "element/mgmt/schema_info.h"
+#include "element/yang/module.h"
+
+namespace pbr::mgmt {
+
+namespace {
+
+lyd_node* TopOf(lyd_node* node) {
+  while (node && lyd_parent(node)) node = lyd_parent(node);
+  return node ? lyd_first_sibling(node) : nullptr;
+}
+
+// The top-level node of `schema` among `first`'s siblings, created when `create` is set.
+lyd_node* FindTop(lyd_node** first, const lys_module* module, const lysc_node* schema,
+                  bool create) {
+  lyd_node* match = nullptr;
+  if (*first && lyd_find_sibling_val(*first, schema, nullptr, 0, &match) == LY_SUCCESS) {
+    return match;
+  }
+  if (!create || lyd_new_inner(nullptr, module, schema->name, 0, &match) != LY_SUCCESS) {
+    return nullptr;
+  }
+  if (*first) {
+    lyd_insert_sibling(*first, match, first);
+  } else {
+    *first = match;
+  }
+  return match;
+}
+
+}  // namespace
+
+Datastore::Datastore(ly_ctx* ctx) : ctx_(ctx), module_(pbr::yang::Module(ctx)) {}
+
+Datastore::~Datastore() {
+  lyd_free_siblings(running_);
+}
+
+bool Datastore::IsUnitList(const lysc_node* list) {
+  const lysc_node* parent = list->parent;
+  return list->nodetype == LYS_LIST && !(list->flags & LYS_CONFIG_R) && parent &&
+         parent->nodetype == LYS_CONTAINER && !parent->parent && !(parent->flags & LYS_PRESENCE);
+}
+
+CommitError Datastore::LastError(std::string_view fallback) const {
+  const ly_err_item* e = ly_err_last(ctx_);
+  CommitError error;
+  error.message = e && e->msg ? e->msg : std::string(fallback);
+  if (e && e->path) error.path = e->path;
+  return error;
+}
+
+void Datastore::Reindex() {
+  index_.clear();
+  for (lyd_node* top = running_; top; top = top->next) {
+    for (lyd_node* child = lyd_child(top); child; child = child->next) {
+      if (IsUnitList(child->schema)) index_[child->schema][EntryKey::Of(child)] = child;
+    }
+  }
+}
+
+bool Datastore::LoadRunning(std::string_view json, CommitError* error) {
+  ly_err_clean(ctx_, nullptr);
+  lyd_node* tree = nullptr;
+  const std::string text(json);
+  if (lyd_parse_data_mem(ctx_, text.c_str(), LYD_JSON, LYD_PARSE_STRICT | LYD_PARSE_NO_STATE,
+                         LYD_VALIDATE_NO_STATE, &tree) != LY_SUCCESS) {
+    *error = LastError("cannot parse the stored configuration");
+    lyd_free_siblings(tree);
+    return false;
+  }
+  lyd_free_siblings(running_);
+  running_ = tree;
+  Reindex();
+  return true;
+}
+
+namespace {
+
+// Applies one edit operation to the tree whose first top-level sibling is *tree.
+bool ApplyOperation(ly_ctx* ctx, lyd_node** tree, const EditOperation& op, const DataPath& path,
+                    CommitError* error) {
+  if (op.kind() == EditOperation::DELETE) {
+    lyd_node* match = nullptr;
+    if (!*tree || lyd_find_path(*tree, path.path.c_str(), 0, &match) != LY_SUCCESS) {
+      *error = {"no such node to delete", op.path()};
+      return false;
+    }
+    if (match == *tree) *tree = match->next;
+    lyd_free_tree(match);
+    if (*tree) *tree = lyd_first_sibling(*tree);
+    return true;
+  }
+  const bool term = path.target->nodetype & (LYS_LEAF | LYS_LEAFLIST);
+  lyd_node* created = nullptr;
+  const LY_ERR r = lyd_new_path(*tree, ctx, path.path.c_str(), term ? op.value().c_str() : nullptr,
+                                LYD_NEW_PATH_UPDATE, &created);
+  if (r != LY_SUCCESS && r != LY_EEXIST) {
+    const ly_err_item* e = ly_err_last(ctx);
+    *error = {e && e->msg ? e->msg : "cannot set the node", e && e->path ? e->path : op.path()};
+    return false;
+  }
+  if (!*tree) *tree = TopOf(created);
+  if (*tree) *tree = lyd_first_sibling(*tree);
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* error) {
+  ly_err_clean(ctx_, nullptr);
+  std::vector<DataPath> paths(edit.operation_size());
+  bool whole = false;
+  for (int i = 0; i < edit.operation_size(); ++i) {
+    std::string why;
+    if (!ParseDataPath(module_, edit.operation(i).path(), &paths[i], &why)) {
+      *error = {why, edit.operation(i).path()};
+      return nullptr;
+    }
+    if (paths[i].entryPath.empty() || !IsUnitList(paths[i].entryList)) whole = true;
+  }
+
+  if (whole) {
+    lyd_node* tree = nullptr;
+    if (running_ && lyd_dup_siblings(running_, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS,
+                                     &tree) != LY_SUCCESS) {
+      *error = LastError("cannot copy the configuration");
+      return nullptr;
+    }
+    for (int i = 0; i < edit.operation_size(); ++i) {
+      if (!ApplyOperation(ctx_, &tree, edit.operation(i), paths[i], error)) {
+        lyd_free_siblings(tree);
+        return nullptr;
+      }
+    }
+    return PrepareWhole(tree, error);
+  }
+
+  // Work on copies of the touched entries only.
+  auto candidate = std::make_unique<Candidate>();
+  std::set<std::string> copied;  // entry paths already copied, deleted or created
+  std::map<const lysc_node*, std::map<EntryKey, lyd_node*>> deleted;
+  for (int i = 0; i < edit.operation_size(); ++i) {
+    const DataPath& path = paths[i];
+    if (copied.insert(path.entryPath).second) {
+      lyd_node* entry = nullptr;
+      if (running_ && lyd_find_path(running_, path.entryPath.c_str(), 0, &entry) == LY_SUCCESS) {
+        lyd_node* top = FindTop(&candidate->tree, module_, path.entryList->parent, true);
+        lyd_dup_single(entry, reinterpret_cast<lyd_node_inner*>(top),
+                       LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, nullptr);
+      }
+    }
+    if (path.isEntry && edit.operation(i).kind() == EditOperation::DELETE) {
+      lyd_node* entry = nullptr;
+      if (candidate->tree &&
+          lyd_find_path(candidate->tree, path.entryPath.c_str(), 0, &entry) == LY_SUCCESS) {
+        deleted[path.entryList][EntryKey::Of(entry)] = nullptr;
+      }
+    }
+    if (!ApplyOperation(ctx_, &candidate->tree, edit.operation(i), path, error)) return nullptr;
+  }
+  if (candidate->tree &&
+      lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT, nullptr) != LY_SUCCESS) {
+    *error = LastError("invalid configuration");
+    return nullptr;
+  }
+  candidate->entries = std::move(deleted);
+  for (lyd_node* top = candidate->tree; top; top = top->next) {
+    for (lyd_node* child = lyd_child(top); child; child = child->next) {
+      if (IsUnitList(child->schema)) candidate->entries[child->schema][EntryKey::Of(child)] = child;
+    }
+  }
+  return candidate;
+}
+
+std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* error) {
+  ly_err_clean(ctx_, nullptr);
+  const LYD_FORMAT format = load.format() == Load::XML ? LYD_XML : LYD_JSON;
+  lyd_node* doc = nullptr;
+  if (load.mode() == Load::REPLACE) {
+    if (lyd_parse_data_mem(ctx_, load.data().c_str(), format, LYD_PARSE_STRICT | LYD_PARSE_NO_STATE,
+                           LYD_VALIDATE_NO_STATE, &doc) != LY_SUCCESS) {
+      *error = LastError("cannot parse the document");
+      lyd_free_siblings(doc);
+      return nullptr;
+    }
+    return PrepareWhole(doc, error);
+  }
+
+  // Merge: the document need not be complete on its own, so it is validated after merging.
+  if (lyd_parse_data_mem(ctx_, load.data().c_str(), format,
+                         LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0,
+                         &doc) != LY_SUCCESS) {
+    *error = LastError("cannot parse the document");
+    lyd_free_siblings(doc);
+    return nullptr;
+  }
+  bool units = true;
+  for (lyd_node* top = doc; top && units; top = top->next) {
+    if (top->schema->nodetype != LYS_CONTAINER || (top->schema->flags & LYS_PRESENCE)) {
+      units = false;
+    }
+    for (lyd_node* child = lyd_child(top); child && units; child = child->next) {
+      units = IsUnitList(child->schema);
+    }
+  }
+  lyd_node* tree = nullptr;
+  if (!units) {
+    if (running_ && lyd_dup_siblings(running_, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS,
+                                     &tree) != LY_SUCCESS) {
+      *error = LastError("cannot copy the configuration");
+      lyd_free_siblings(doc);
+      return nullptr;
+    }
+  } else {
+    // Copies of the running entries that the document merges into.
+    for (lyd_node* top = doc; top; top = top->next) {
+      for (lyd_node* child = lyd_child(top); child; child = child->next) {
+        const Index& index = index_[child->schema];
+        auto it = index.find(EntryKey::Of(child));
+        if (it == index.end()) continue;
+        lyd_node* parent = FindTop(&tree, module_, top->schema, true);
+        lyd_dup_single(it->second, reinterpret_cast<lyd_node_inner*>(parent),
+                       LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, nullptr);
+      }
+    }
+  }
+  if (!doc) {
+    // An empty document changes nothing.
+  } else if (tree) {
+    const LY_ERR r = lyd_merge_siblings(&tree, doc, LYD_MERGE_DESTRUCT | LYD_MERGE_WITH_FLAGS);
+    doc = nullptr;
+    if (r != LY_SUCCESS) {
+      *error = LastError("cannot merge the document");
+      lyd_free_siblings(tree);
+      return nullptr;
+    }
+  } else {
+    tree = doc;
+  }
+  if (!units) return PrepareWhole(tree, error);
+
+  auto candidate = std::make_unique<Candidate>();
+  candidate->tree = tree;
+  if (tree &&
+      lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT, nullptr) != LY_SUCCESS) {
+    *error = LastError("invalid configuration");
+    return nullptr;
+  }
+  for (lyd_node* top = candidate->tree; top; top = top->next) {
+    for (lyd_node* child = lyd_child(top); child; child = child->next) {
+      candidate->entries[child->schema][EntryKey::Of(child)] = child;
+    }
+  }
+  return candidate;
+}
+
+std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* error) {
+  auto candidate = std::make_unique<Candidate>();
+  candidate->whole = true;
+  candidate->tree = tree;
+  if (lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE,
+                       nullptr) != LY_SUCCESS) {
+    *error = LastError("invalid configuration");
+    return nullptr;
+  }
+  return candidate;
+}
+
+void Datastore::Diff(const Candidate& candidate, Changes* out) const {
+  DiffWriter writer(out);
+  if (candidate.whole) {
+    writer.Children(nullptr, module_->compiled, running_, candidate.tree);
+    return;
+  }
+  // Lists in schema order, each list's entries in key order.
+  const lysc_node* top = nullptr;
+  while ((top = lys_getnext(top, nullptr, module_->compiled, 0))) {
+    const lysc_node* list = nullptr;
+    while ((list = lys_getnext(list, top, nullptr, 0))) {
+      auto touched = candidate.entries.find(list);
+      if (touched == candidate.entries.end()) continue;
+      KeypathElement parent;
+      SetTagElement(top, &parent);
+      writer.Push(parent);
+      auto running = index_.find(list);
+      for (const auto& [key, entry] : touched->second) {
+        const lyd_node* old = nullptr;
+        if (running != index_.end()) {
+          auto it = running->second.find(key);
+          if (it != running->second.end()) old = it->second;
+        }
+        writer.Entry(old, entry);
+      }
+      writer.Pop();
+    }
+  }
+}
+
+void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
+  if (candidate->whole) {
+    lyd_free_siblings(running_);
+    running_ = candidate->tree;
+    candidate->tree = nullptr;
+    Reindex();
+    return;
+  }
+  for (auto& [list, entries] : candidate->entries) {
+    Index& index = index_[list];
+    for (auto& [key, entry] : entries) {
+      auto it = index.find(key);
+      if (it != index.end()) {
+        lyd_free_tree(it->second);
+        index.erase(it);
+      }
+      if (!entry) continue;
+      lyd_unlink_tree(entry);
+      lyd_node* parent = FindTop(&running_, module_, list->parent, true);
+      lyd_insert_child(parent, entry);
+      index.emplace(key, entry);
+    }
+  }
+  if (running_) running_ = lyd_first_sibling(running_);
+}
+
+std::vector<const lyd_node*> Datastore::Entries(const lysc_node* list) const {
+  std::vector<const lyd_node*> out;
+  auto it = index_.find(list);
+  if (it == index_.end()) return out;
+  out.reserve(it->second.size());
+  for (const auto& [key, entry] : it->second) out.push_back(entry);
+  return out;
+}
+
+namespace {
+
+void AppendNode(const lyd_node* node, Node* parent,
+                const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index);
+
+void AppendChildren(const lyd_node* first, Node* out,
+                    const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index) {
+  for (const lyd_node* child = first; child;) {
+    if (child->schema->nodetype != LYS_LIST) {
+      AppendNode(child, out, index);
+      child = child->next;
+      continue;
+    }
+    // A run of list entries goes out in key order.
+    const lysc_node* schema = child->schema;
+    auto indexed = index.find(schema);
+    if (indexed != index.end()) {
+      for (const auto& [key, entry] : indexed->second) AppendNode(entry, out, index);
+      while (child && child->schema == schema) child = child->next;
+      continue;
+    }
+    std::map<EntryKey, const lyd_node*> sorted;
+    for (; child && child->schema == schema; child = child->next) {
+      sorted.emplace(EntryKey::Of(child), child);
+    }
+    for (const auto& [key, entry] : sorted) AppendNode(entry, out, index);
+  }
+}
+
+void AppendNode(const lyd_node* node, Node* parent,
+                const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index) {
+  Node* out = parent->add_child();
+  out->set_name(node->schema->name);
+  if (node->schema->nodetype & (LYS_LEAF | LYS_LEAFLIST)) {
+    SetValue(node, out->mutable_value());
+  } else {
+    AppendChildren(lyd_child(node), out, index);
+  }
+}
+
+}  // namespace
+
+void Datastore::Snapshot(Node* root) const {
+  root->set_name("/");
+  AppendChildren(running_, root, index_);
+}
+
+std::string Datastore::RunningJson() const {
+  if (!running_) return "{}\n";
+  char* text = nullptr;
+  lyd_print_mem(&text, running_, LYD_JSON, LYD_PRINT_WITHSIBLINGS);
+  std::string out = text ? text : "{}\n";
+  free(text);
+  return out;
+}
+
+}  // namespace pbr::mgmt

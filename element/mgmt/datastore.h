@@ -1,0 +1,88 @@
+// The running configuration on libyang, and the commits that change it. A commit copies only
+// the list entries it touches (the first list entry on each edited path), validates those, and
+// diffs them against their running versions, so its cost follows the size of the change and not
+// of the configuration. Edits that reach above any list entry, and replace loads, work on the
+// whole tree. Owned and used by the server's one thread.
+#pragma once
+
+#include <libyang/libyang.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "element/mgmt/diff.h"
+#include "element/mgmt/entry_key.h"
+#include "element/mgmt/mgmt.pb.h"
+
+namespace pbr::mgmt {
+
+struct CommitError {
+  std::string message;
+  std::string path;
+};
+
+// A prepared commit: either the whole new configuration, or the new versions of the list
+// entries it touches (null: deleted), held by `tree`.
+class Candidate {
+ public:
+  Candidate() = default;
+  ~Candidate() { lyd_free_siblings(tree); }
+  Candidate(const Candidate&) = delete;
+  Candidate& operator=(const Candidate&) = delete;
+
+  bool whole = false;
+  lyd_node* tree = nullptr;
+  std::map<const lysc_node*, std::map<EntryKey, lyd_node*>> entries;
+};
+
+class Datastore {
+ public:
+  // `ctx` holds the annotated PBR module and outlives the datastore.
+  explicit Datastore(ly_ctx* ctx);
+  ~Datastore();
+  Datastore(const Datastore&) = delete;
+  Datastore& operator=(const Datastore&) = delete;
+
+  // Replaces the running configuration with a stored JSON document, validated; at start-up.
+  bool LoadRunning(std::string_view json, CommitError* error);
+
+  // A validated candidate from operator edits or a document; null with *error when the result
+  // would be invalid. Nothing changes until Apply.
+  std::unique_ptr<Candidate> Prepare(const Edit& edit, CommitError* error);
+  std::unique_ptr<Candidate> Prepare(const Load& load, CommitError* error);
+
+  // The candidate's changes against the running configuration, in ConfD's diff order.
+  void Diff(const Candidate& candidate, Changes* out) const;
+
+  // Makes the candidate the running configuration.
+  void Apply(std::unique_ptr<Candidate> candidate);
+
+  // The running configuration as a tree, lists in key order.
+  void Snapshot(Node* root) const;
+  // The running configuration as RFC 7951 JSON.
+  std::string RunningJson() const;
+
+  // The running entries of a list directly below a top-level container, in key order.
+  std::vector<const lyd_node*> Entries(const lysc_node* list) const;
+
+  const lys_module* module() const { return module_; }
+
+ private:
+  using Index = std::map<EntryKey, lyd_node*>;
+  static bool IsUnitList(const lysc_node* list);
+  lyd_node* TopContainer(const lysc_node* schema) const;
+  void Reindex();
+  CommitError LastError(std::string_view fallback) const;
+  std::unique_ptr<Candidate> PrepareWhole(lyd_node* tree, CommitError* error);
+
+  ly_ctx* ctx_;
+  const lys_module* module_;
+  lyd_node* running_ = nullptr;  // first top-level sibling
+  // Entries of each list below a top-level container, in key order.
+  std::map<const lysc_node*, Index> index_;
+};
+
+}  // namespace pbr::mgmt

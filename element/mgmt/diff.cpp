@@ -1,0 +1,172 @@
+#include "element/mgmt/diff.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "element/mgmt/entry_key.h"
+#include "element/mgmt/schema_info.h"
+
+namespace pbr::mgmt {
+namespace {
+
+const lyd_node* Find(const lyd_node* first, const lysc_node* schema) {
+  lyd_node* match = nullptr;
+  if (!first || lyd_find_sibling_val(first, schema, nullptr, 0, &match) != LY_SUCCESS) {
+    return nullptr;
+  }
+  return match;
+}
+
+std::vector<const lyd_node*> Instances(const lyd_node* first, const lysc_node* schema) {
+  std::vector<const lyd_node*> out;
+  for (const lyd_node* n = Find(first, schema); n && n->schema == schema; n = n->next) {
+    out.push_back(n);
+  }
+  return out;
+}
+
+// The case of `choice` that has data among the siblings, if any.
+const lysc_node* CaseOf(const lysc_node* choice, const lyd_node* first) {
+  for (const lyd_node* n = first; n; n = n->next) {
+    for (const lysc_node* s = n->schema; s && s != choice; s = s->parent) {
+      if (s->nodetype == LYS_CASE && s->parent == choice) return s;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void DiffWriter::Children(const lysc_node* parent, const lysc_module* module,
+                          const lyd_node* oldFirst, const lyd_node* newFirst) {
+  if (!oldFirst && !newFirst) return;
+  const lysc_node* schema = nullptr;
+  while ((schema = lys_getnext(schema, parent, module, LYS_GETNEXT_WITHCHOICE))) {
+    if (schema->nodetype == LYS_CHOICE) {
+      Choice(schema, oldFirst, newFirst);
+    } else {
+      Node(schema, oldFirst, newFirst);
+    }
+  }
+}
+
+void DiffWriter::Choice(const lysc_node* choice, const lyd_node* oldFirst,
+                        const lyd_node* newFirst) {
+  const lysc_node* oldCase = CaseOf(choice, oldFirst);
+  const lysc_node* newCase = CaseOf(choice, newFirst);
+  // A case switch reports the old case's removal before the new case's values.
+  if (oldCase && oldCase != newCase) Children(oldCase, nullptr, oldFirst, nullptr);
+  if (newCase) Children(newCase, nullptr, oldCase == newCase ? oldFirst : nullptr, newFirst);
+}
+
+void DiffWriter::Node(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst) {
+  if (schema->flags & LYS_CONFIG_R) return;
+  switch (schema->nodetype) {
+    case LYS_LIST:
+      List(schema, oldFirst, newFirst);
+      return;
+    case LYS_LEAFLIST:
+      LeafList(schema, oldFirst, newFirst);
+      return;
+    default:
+      break;
+  }
+  const lyd_node* o = Find(oldFirst, schema);
+  const lyd_node* n = Find(newFirst, schema);
+  if (!o && !n) return;
+  KeypathElement& tag = path_.emplace_back();
+  SetTagElement(schema, &tag);
+  if (schema->nodetype & LYS_LEAF) {
+    if (!o || !n || lyd_compare_single(o, n, 0) != LY_SUCCESS) {
+      Emit(n ? MOP_VALUE_SET : MOP_DELETED, o, n);
+    }
+  } else if (schema->nodetype == LYS_CONTAINER && (schema->flags & LYS_PRESENCE) && (!o || !n)) {
+    const int index = Emit(n ? MOP_CREATED : MOP_DELETED, nullptr, nullptr);
+    if (n) Children(schema, nullptr, nullptr, lyd_child(n));
+    CloseSubtree(index);
+  } else {
+    Children(schema, nullptr, o ? lyd_child(o) : nullptr, n ? lyd_child(n) : nullptr);
+  }
+  path_.pop_back();
+}
+
+void DiffWriter::List(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst) {
+  using Keyed = std::pair<EntryKey, const lyd_node*>;
+  auto sorted = [&](const lyd_node* first) {
+    std::vector<Keyed> v;
+    for (const lyd_node* n : Instances(first, schema)) v.emplace_back(EntryKey::Of(n), n);
+    std::sort(v.begin(), v.end(), [](const Keyed& a, const Keyed& b) { return a.first < b.first; });
+    return v;
+  };
+  const std::vector<Keyed> olds = sorted(oldFirst);
+  const std::vector<Keyed> news = sorted(newFirst);
+  size_t i = 0, j = 0;
+  while (i < olds.size() || j < news.size()) {
+    if (j == news.size() || (i < olds.size() && olds[i].first < news[j].first)) {
+      Entry(olds[i++].second, nullptr);
+    } else if (i == olds.size() || news[j].first < olds[i].first) {
+      Entry(nullptr, news[j++].second);
+    } else {
+      Entry(olds[i++].second, news[j++].second);
+    }
+  }
+}
+
+void DiffWriter::Entry(const lyd_node* oldEntry, const lyd_node* newEntry) {
+  if (!oldEntry && !newEntry) return;
+  if (oldEntry && newEntry &&
+      lyd_compare_single(oldEntry, newEntry, LYD_COMPARE_FULL_RECURSION) == LY_SUCCESS) {
+    return;
+  }
+  const lyd_node* any = newEntry ? newEntry : oldEntry;
+  SetTagElement(any->schema, &path_.emplace_back());
+  SetKeyElement(any, &path_.emplace_back());
+  const int index = Emit(!oldEntry   ? MOP_CREATED
+                         : !newEntry ? MOP_DELETED
+                                     : MOP_MODIFIED,
+                         nullptr, nullptr);
+  // A deleted entry is reported alone; a new or changed one with its changed children.
+  if (newEntry) {
+    Children(any->schema, nullptr, oldEntry ? lyd_child(oldEntry) : nullptr, lyd_child(newEntry));
+  }
+  CloseSubtree(index);
+  path_.pop_back();
+  path_.pop_back();
+}
+
+void DiffWriter::LeafList(const lysc_node* schema, const lyd_node* oldFirst,
+                          const lyd_node* newFirst) {
+  const std::vector<const lyd_node*> olds = Instances(oldFirst, schema);
+  const std::vector<const lyd_node*> news = Instances(newFirst, schema);
+  if (olds.empty() && news.empty()) return;
+  auto report = [&](const std::vector<const lyd_node*>& from, const lyd_node* otherFirst,
+                    confd_iter_op op) {
+    for (const lyd_node* entry : from) {
+      lyd_node* match = nullptr;
+      if (otherFirst && lyd_find_sibling_first(otherFirst, entry, &match) == LY_SUCCESS) continue;
+      SetTagElement(schema, &path_.emplace_back());
+      SetKeyElement(entry, &path_.emplace_back());
+      Emit(op, nullptr, nullptr);
+      path_.pop_back();
+      path_.pop_back();
+    }
+  };
+  report(olds, newFirst, MOP_DELETED);
+  report(news, oldFirst, MOP_CREATED);
+}
+
+int DiffWriter::Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue) {
+  Change* change = out_->Add();
+  change->mutable_keypath()->Reserve(static_cast<int>(path_.size()));
+  for (const KeypathElement& e : path_) *change->add_keypath() = e;
+  change->set_op(op);
+  if (oldValue) SetValue(oldValue, change->mutable_old_value());
+  if (newValue) SetValue(newValue, change->mutable_new_value());
+  return out_->size() - 1;
+}
+
+void DiffWriter::CloseSubtree(int index) {
+  out_->Mutable(index)->set_descendants(static_cast<uint32_t>(out_->size() - index - 1));
+}
+
+}  // namespace pbr::mgmt

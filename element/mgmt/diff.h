@@ -1,0 +1,49 @@
+// Changes between two versions of the configuration in ConfD's diff-iteration order: list
+// entries in ascending key order, each entry's own change (created, modified, deleted) before
+// its changed children, children in schema order, a removed choice case before the new case,
+// leaf-list entries one by one with the value as key. Only leaves, leaf-list entries, list
+// entries and presence containers are reported; non-presence containers only lead the way.
+#pragma once
+
+#include <libyang/libyang.h>
+
+#include <vector>
+
+#include "element/mgmt/mgmt.pb.h"
+#include "platform/confd_lib.h"
+
+namespace pbr::mgmt {
+
+using Changes = google::protobuf::RepeatedPtrField<Change>;
+
+class DiffWriter {
+ public:
+  explicit DiffWriter(Changes* out) : out_(out) {}
+
+  // The changes between the children of two data nodes of schema `parent` (null: the
+  // top-level nodes of `module`); either side may be null (nothing there). `prefix` is the
+  // keypath of the parent, root-most first.
+  void Children(const lysc_node* parent, const lysc_module* module, const lyd_node* oldFirst,
+                const lyd_node* newFirst);
+
+  // The changes of one list entry (either version may be null); the current keypath must end
+  // at the entry's parent.
+  void Entry(const lyd_node* oldEntry, const lyd_node* newEntry);
+
+  // Keypath of the parent of the nodes to compare, root-most first.
+  void Push(const KeypathElement& element) { path_.push_back(element); }
+  void Pop() { path_.pop_back(); }
+
+ private:
+  void Node(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
+  void Choice(const lysc_node* choice, const lyd_node* oldFirst, const lyd_node* newFirst);
+  void List(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
+  void LeafList(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
+  int Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue);
+  void CloseSubtree(int index);
+
+  Changes* out_;
+  std::vector<KeypathElement> path_;
+};
+
+}  // namespace pbr::mgmt

@@ -1,0 +1,27 @@
+// The order in which list entries are delivered and read by position: by their keys, numbers
+// by value and other types by their text, as ConfD orders system-ordered lists.
+#pragma once
+
+#include <libyang/libyang.h>
+
+#include <compare>
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace pbr::mgmt {
+
+class EntryKey {
+ public:
+  // The keys of a list entry, or the value of a leaf-list entry.
+  static EntryKey Of(const lyd_node* entry);
+
+  auto operator<=>(const EntryKey&) const = default;
+  bool operator==(const EntryKey&) const = default;
+
+ private:
+  std::vector<std::variant<int64_t, uint64_t, std::string>> parts_;
+};
+
+}  // namespace pbr::mgmt

@@ -1,0 +1,78 @@
+#include "element/mgmt/framing.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace pbr::mgmt {
+
+FramedStream::Io FramedStream::ReadFrom(int fd) {
+  constexpr size_t kChunk = 256 * 1024;
+  for (;;) {
+    // Drop consumed input before growing, so that a long session does not keep old frames.
+    if (inOffset_ > 0 && inOffset_ * 2 >= in_.size()) {
+      in_.erase(0, inOffset_);
+      inOffset_ = 0;
+    }
+    const size_t used = in_.size();
+    in_.resize(used + kChunk);
+    const ssize_t n = ::read(fd, in_.data() + used, kChunk);
+    in_.resize(used + (n > 0 ? static_cast<size_t>(n) : 0));
+    if (n > 0) continue;
+    if (n == 0) return Io::kClosed;
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return Io::kOk;
+    return Io::kError;
+  }
+}
+
+FramedStream::Frame FramedStream::Next(std::string* payload) {
+  const size_t avail = in_.size() - inOffset_;
+  if (avail < 4) return Frame::kIncomplete;
+  const auto* p = reinterpret_cast<const unsigned char*>(in_.data() + inOffset_);
+  const uint32_t len =
+      (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
+  if (len > maxFrameSize_) return Frame::kOversized;
+  if (avail - 4 < len) return Frame::kIncomplete;
+  payload->assign(in_, inOffset_ + 4, len);
+  inOffset_ += 4 + len;
+  if (inOffset_ == in_.size()) {
+    in_.clear();
+    inOffset_ = 0;
+  }
+  return Frame::kComplete;
+}
+
+void FramedStream::Queue(const google::protobuf::MessageLite& message) {
+  if (outOffset_ == out_.size()) {
+    out_.clear();
+    outOffset_ = 0;
+  }
+  const size_t len = message.ByteSizeLong();
+  const size_t at = out_.size();
+  out_.resize(at + 4 + len);
+  auto* p = reinterpret_cast<unsigned char*>(out_.data() + at);
+  p[0] = static_cast<unsigned char>(len >> 24);
+  p[1] = static_cast<unsigned char>(len >> 16);
+  p[2] = static_cast<unsigned char>(len >> 8);
+  p[3] = static_cast<unsigned char>(len);
+  message.SerializeWithCachedSizesToArray(p + 4);
+}
+
+FramedStream::Io FramedStream::WriteTo(int fd) {
+  while (outOffset_ < out_.size()) {
+    const ssize_t n = ::send(fd, out_.data() + outOffset_, out_.size() - outOffset_, MSG_NOSIGNAL);
+    if (n > 0) {
+      outOffset_ += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Io::kOk;
+    return Io::kError;
+  }
+  out_.clear();
+  outOffset_ = 0;
+  return Io::kOk;
+}
+
+}  // namespace pbr::mgmt

@@ -1,0 +1,45 @@
+// Message framing on the management socket: each message is a 4-byte big-endian length
+// followed by that many bytes of protobuf. One FramedStream belongs to one connection and is
+// used on the thread of the loop that polls the connection's non-blocking fd.
+#pragma once
+
+#include <google/protobuf/message_lite.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace pbr::mgmt {
+
+// The largest message either side accepts: room for a bulk load of 65,536 rules as XML.
+inline constexpr uint32_t kMaxFrameSize = 64u << 20;
+
+class FramedStream {
+ public:
+  explicit FramedStream(uint32_t maxFrameSize = kMaxFrameSize) : maxFrameSize_(maxFrameSize) {}
+
+  enum class Io { kOk, kClosed, kError };
+  // Reads everything the fd has now (until EAGAIN). kClosed: the peer ended the stream.
+  Io ReadFrom(int fd);
+
+  enum class Frame { kComplete, kIncomplete, kOversized };
+  // Takes the next complete frame's payload out of the input. kOversized: the peer announced a
+  // frame larger than the limit; the stream cannot be resynchronised and should be closed.
+  Frame Next(std::string* payload);
+
+  // Queues one message; it goes out with WriteTo.
+  void Queue(const google::protobuf::MessageLite& message);
+  // Writes as much queued output as the fd takes now.
+  Io WriteTo(int fd);
+  bool HasOutput() const { return outOffset_ < out_.size(); }
+  size_t QueuedBytes() const { return out_.size() - outOffset_; }
+
+ private:
+  uint32_t maxFrameSize_;
+  std::string in_;
+  size_t inOffset_ = 0;
+  std::string out_;
+  size_t outOffset_ = 0;
+};
+
+}  // namespace pbr::mgmt

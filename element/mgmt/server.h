@@ -1,0 +1,38 @@
+// The management server: holds the running configuration, commits operator requests to it,
+// delivers each commit to the daemons subscribed to the paths it touches, and routes requests
+// for operational data to the daemon that serves the callpoint. One process, one thread: every
+// socket is non-blocking and polled by the sd-event loop the server is given.
+#pragma once
+
+#include <systemd/sd-event.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace pbr::mgmt {
+
+struct ServerOptions {
+  std::string runtimeDir;  // mgmt.sock and mgmt.lock
+  std::string stateDir;    // running.json
+  // How long a commit waits for its subscribers' acknowledgements before it is answered.
+  std::chrono::milliseconds ackTimeout{10000};
+};
+
+class Server {
+ public:
+  // Loads the stored configuration and listens. Null with *error when another server holds
+  // the runtime directory, the stored configuration is unreadable or invalid, or the socket
+  // cannot be made. `event` must outlive the server.
+  static std::unique_ptr<Server> Create(sd_event* event, const ServerOptions& options,
+                                        std::string* error);
+  ~Server();
+
+  struct Impl;
+
+ private:
+  explicit Server(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace pbr::mgmt
