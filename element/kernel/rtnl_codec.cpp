@@ -110,10 +110,15 @@ std::optional<FibRule> ParseRule(const nlmsghdr* nlh) {
     return std::nullopt;
   if (!tb[FRA_PROTOCOL] || mnl_attr_get_u8(tb[FRA_PROTOCOL]) != kRouteProtocol) return std::nullopt;
   // A selector this backend never sets means the rule is not one of its own.
-  for (int type : {FRA_GOTO, FRA_FWMARK, FRA_FWMASK, FRA_FLOW, FRA_TUN_ID, FRA_SUPPRESS_IFGROUP,
-                   FRA_SUPPRESS_PREFIXLEN, FRA_OIFNAME, FRA_L3MDEV, FRA_UID_RANGE, FRA_IP_PROTO,
-                   FRA_SPORT_RANGE, FRA_DPORT_RANGE})
+  for (int type : {FRA_GOTO, FRA_FWMARK, FRA_FWMASK, FRA_FLOW, FRA_TUN_ID, FRA_OIFNAME, FRA_L3MDEV,
+                   FRA_UID_RANGE, FRA_IP_PROTO, FRA_SPORT_RANGE, FRA_DPORT_RANGE})
     if (tb[type]) return std::nullopt;
+  // The kernel reports these with their "unset" value (-1) on every rule.
+  for (int type : {FRA_SUPPRESS_PREFIXLEN, FRA_SUPPRESS_IFGROUP}) {
+    uint32_t value = UINT32_MAX;
+    ReadU32(tb[type], value);
+    if (value != UINT32_MAX) return std::nullopt;
+  }
 
   FibRule rule;
   rule.table = frh->table;
