@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 namespace pbrtest {
@@ -153,11 +152,16 @@ std::pair<int, int> BackgroundPing::Wait() {
   std::ifstream in(output_);
   std::stringstream text;
   text << in.rdbuf();
-  std::smatch m;
   std::string s = text.str();
-  if (!std::regex_search(s, m, std::regex(R"((\d+) packets transmitted, (\d+) received)")))
+  // "5 packets transmitted, 5 received, ..."
+  auto at = s.find(" packets transmitted, ");
+  if (at == std::string::npos) return {0, 0};
+  auto start = s.rfind('\n', at);
+  int sent = 0, received = 0;
+  if (std::sscanf(s.c_str() + (start == std::string::npos ? 0 : start + 1),
+                  "%d packets transmitted, %d received", &sent, &received) != 2)
     return {0, 0};
-  return {std::stoi(m[1]), std::stoi(m[2])};
+  return {sent, received};
 }
 
 }  // namespace pbrtest
