@@ -1,0 +1,571 @@
+#include "element/kernel/kernel_client.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace pbr::element {
+namespace {
+
+// zlog levels.
+constexpr int kDebug = 20;
+constexpr int kInfo = 40;
+constexpr int kWarn = 80;
+constexpr int kError = 100;
+
+constexpr auto kSyncRetry = std::chrono::seconds(1);
+
+}  // namespace
+
+#define KLOG(level, ...)                                                                           \
+  do {                                                                                             \
+    if (log_)                                                                                      \
+      zlog(log_, __FILE__, sizeof(__FILE__) - 1, __func__, std::strlen(__func__), __LINE__, level, \
+           __VA_ARGS__);                                                                           \
+  } while (0)
+
+KernelClient::KernelClient(vqmw_t* mw, zlog_category_t* log, Options options)
+    : mw_(mw), log_(log), options_(std::move(options)) {
+  Start();
+}
+
+KernelClient::~KernelClient() {
+  *alive_ = false;
+  grace_timer_.reset();
+  retry_timer_.reset();
+  monitor_.reset();
+  channel_.reset();
+}
+
+void KernelClient::Start() {
+  channel_ = std::make_unique<NetlinkChannel>(mw_);
+  if (int error = channel_->Open()) {
+    KLOG(kError, "cannot open a routing netlink socket: %s; every rule will fail",
+         std::strerror(-error));
+    phase_ = Phase::kBroken;
+    return;
+  }
+  monitor_ = std::make_unique<NetlinkMonitor>(
+      mw_, [this](const nlmsghdr* nlh) { OnNotification(nlh); },
+      [this] {
+        KLOG(kWarn, "kernel notifications were lost; resynchronising");
+        Resync();
+      });
+  if (int error = monitor_->Open(channel_->PortId())) {
+    KLOG(kError, "cannot subscribe to routing notifications: %s; link changes go unnoticed",
+         std::strerror(-error));
+    monitor_.reset();
+  }
+  grace_timer_ = vqmw::StartTimer(mw_, options_.leftover_grace, [this] { RequestSweep(); });
+  StartSync();
+}
+
+// Dumps links, then rules, then routes. The channel sends each dump after everything queued
+// before it has been answered, so the dumps see the effect of every earlier request.
+void KernelClient::StartSync() {
+  phase_ = Phase::kSyncing;
+  sync_error_ = 0;
+  dumped_links_.clear();
+  dumped_rules_.clear();
+  dumped_routes_.clear();
+  char buf[kMaxRequestSize];
+  auto note_error = [this](int error, const std::string&) {
+    if (error && !sync_error_) sync_error_ = error;
+  };
+  channel_->Dump(
+      PutDump(buf, RTM_GETLINK),
+      [this](const nlmsghdr* nlh) {
+        if (auto link = ParseLink(nlh)) dumped_links_[link->index] = link->flags;
+      },
+      note_error);
+  channel_->Dump(
+      PutDump(buf, RTM_GETRULE),
+      [this](const nlmsghdr* nlh) {
+        if (auto rule = ParseRule(nlh)) dumped_rules_.emplace(*rule, next_serial_++);
+      },
+      note_error);
+  channel_->Dump(
+      PutDump(buf, RTM_GETROUTE),
+      [this](const nlmsghdr* nlh) {
+        if (auto info = ParseRoute(nlh)) dumped_routes_.emplace(info->route.table, *info);
+      },
+      [this](int error, const std::string&) { FinishSync(sync_error_ ? sync_error_ : error); });
+}
+
+void KernelClient::FinishSync(int error) {
+  if (error) {
+    KLOG(kWarn, "reading the kernel's rules failed: %s; retrying", std::strerror(-error));
+    retry_timer_ = vqmw::StartTimer(mw_, kSyncRetry, [this] { StartSync(); });
+    return;
+  }
+  if (resync_again_) {
+    resync_again_ = false;
+    StartSync();
+    return;
+  }
+  links_ = std::move(dumped_links_);
+  leftover_rules_ = std::move(dumped_rules_);
+  leftover_routes_ = std::move(dumped_routes_);
+  KLOG(kInfo, "the kernel holds %zu rules and %zu routes of ours", leftover_rules_.size(),
+       leftover_routes_.size());
+  // Forget what we believed; members claim what the kernel really holds.
+  for (auto& [id, m] : members_) {
+    m.rules.clear();
+    m.route.reset();
+    m.oif = 0;
+    m.route_blocked = m.route_verify = m.rules_failed = false;
+    dirty_.insert(id);
+  }
+  phase_ = Phase::kReady;
+  Reconcile();
+  if (swept_ || sweep_requested_) SweepLeftovers();
+}
+
+void KernelClient::Resync() {
+  if (phase_ == Phase::kBroken) return;
+  if (phase_ == Phase::kSyncing) {
+    resync_again_ = true;
+    return;
+  }
+  StartSync();
+}
+
+Error KernelClient::SetEntry(const uint16_t& id, const Entry& entry) {
+  Member& m = members_[id];
+  IndexClass(id, m, false);
+  m.want = LayOut(id, entry, options_.interface_names);
+  if (!m.want->error.empty())
+    KLOG(kWarn, "rule %u cannot be programmed: %s", id, m.want->error.c_str());
+  // A new request deserves a fresh attempt.
+  m.route_blocked = false;
+  m.rules_failed = false;
+  IndexClass(id, m, true);
+  MarkDirty(id);
+  RequestSweep();
+  return m.want->error.empty() ? PBR_OK : PBR_ERR_INVALID;
+}
+
+Error KernelClient::DeleteEntry(const uint16_t& id) {
+  auto it = members_.find(id);
+  if (it != members_.end() && it->second.want) {
+    IndexClass(id, it->second, false);
+    it->second.want.reset();
+    MarkDirty(id);
+  }
+  RequestSweep();
+  return PBR_OK;
+}
+
+Error KernelClient::RegisterStatusListener(PbrStatusItf* listener) {
+  listener_ = listener;
+  return PBR_OK;
+}
+
+bool KernelClient::Settled() const {
+  return phase_ != Phase::kSyncing && dirty_.empty() && !reconcile_scheduled_ &&
+         !sweep_requested_ && (!channel_ || channel_->Idle());
+}
+
+void KernelClient::IndexClass(uint16_t id, const Member& m, bool add) {
+  if (!m.want || m.want->rules.empty()) return;
+  uint32_t priority = m.want->rules.front().priority;
+  if (add) {
+    classes_[priority].emplace(m.want->priority, id);
+    return;
+  }
+  auto it = classes_.find(priority);
+  if (it == classes_.end()) return;
+  it->second.erase({m.want->priority, id});
+  if (it->second.empty()) classes_.erase(it);
+}
+
+void KernelClient::MarkDirty(uint16_t id) {
+  dirty_.insert(id);
+  ScheduleReconcile();
+}
+
+void KernelClient::ScheduleReconcile() {
+  if (reconcile_scheduled_) return;
+  reconcile_scheduled_ = true;
+  vqmw::Defer(mw_, [this, alive = std::weak_ptr<bool>(alive_)] {
+    if (!alive.expired()) Reconcile();
+  });
+}
+
+std::vector<FibRule> KernelClient::Wanted(const Member& m) const {
+  if (!m.want || !m.want->error.empty() || m.rules_failed) return {};
+  return m.want->rules;
+}
+
+std::optional<DefaultRoute> KernelClient::WantedRoute(const Member& m) const {
+  if (!m.want || !m.want->error.empty()) return std::nullopt;
+  return m.want->route;
+}
+
+void KernelClient::Reconcile() {
+  reconcile_scheduled_ = false;
+  if (phase_ == Phase::kSyncing || dirty_.empty()) return;
+  std::vector<uint16_t> ids(dirty_.begin(), dirty_.end());
+  dirty_.clear();
+  if (phase_ == Phase::kBroken) {
+    for (uint16_t id : ids) Evaluate(id);
+    return;
+  }
+  for (uint16_t id : ids) ClaimLeftovers(id, members_[id]);
+
+  // The kernel keeps rules of equal priority in insertion order and inserts after the last one.
+  // Walk each touched priority in the wanted order: members already installed in that order stay;
+  // from the first one that is new, changed or out of order on, each is (re)added at the end.
+  struct Placement {
+    uint32_t kernel_priority;
+    uint32_t priority;
+    uint16_t id;
+  };
+  std::set<uint32_t> touched;
+  for (uint16_t id : ids) {
+    auto wanted = Wanted(members_[id]);
+    if (!wanted.empty()) touched.insert(wanted.front().priority);
+  }
+  std::vector<Placement> placements;
+  for (uint32_t kernel_priority : touched) {
+    uint64_t last = 0;
+    bool moved = false;
+    for (const auto& [priority, id] : classes_[kernel_priority]) {
+      Member& x = members_[id];
+      auto wanted = Wanted(x);
+      if (wanted.empty()) continue;
+      if (!moved && x.rules == wanted && x.serial > last) {
+        last = x.serial;
+        continue;
+      }
+      moved = true;
+      placements.push_back({kernel_priority, priority, id});
+    }
+  }
+  // Descending kernel priority: each add then lands at the head of the kernel's list.
+  std::sort(placements.begin(), placements.end(), [](const Placement& a, const Placement& b) {
+    if (a.kernel_priority != b.kernel_priority) return a.kernel_priority > b.kernel_priority;
+    return std::pair(a.priority, a.id) < std::pair(b.priority, b.id);
+  });
+
+  std::vector<std::pair<uint16_t, FibRule>> rule_deletes;
+  std::vector<std::pair<uint16_t, DefaultRoute>> route_deletes;
+  for (uint16_t id : ids) {
+    Member& m = members_[id];
+    if (Wanted(m).empty() && !m.rules.empty()) {
+      for (auto& rule : m.rules) rule_deletes.emplace_back(id, rule);
+      m.rules.clear();
+    }
+    auto route = WantedRoute(m);
+    if (route && !m.route_blocked) {
+      if (m.route != route || m.route_verify) ReplaceRoute(id, *route, m.route);
+    } else if (m.route) {
+      route_deletes.emplace_back(id, *m.route);
+      m.route.reset();
+    }
+    m.route_verify = false;
+  }
+  for (const auto& p : placements) {
+    Member& x = members_[p.id];
+    auto old = std::move(x.rules);
+    x.rules = Wanted(x);
+    x.serial = next_serial_++;
+    for (const auto& rule : x.rules) AddRule(p.id, rule);
+    // Deleting a rule identical to the one just added removes the older copy: the kernel deletes
+    // the first match and the new copy sits after it.
+    for (auto& rule : old) rule_deletes.emplace_back(p.id, rule);
+  }
+  // Ascending priority: the kernel finds each rule to delete near the head of its list.
+  std::stable_sort(rule_deletes.begin(), rule_deletes.end(), [](const auto& a, const auto& b) {
+    return a.second.priority < b.second.priority;
+  });
+  for (const auto& [id, rule] : rule_deletes) DeleteRule(id, rule);
+  for (const auto& [id, route] : route_deletes) DeleteRoute(id, route);
+
+  for (uint16_t id : ids) Evaluate(id);
+}
+
+void KernelClient::ClaimLeftovers(uint16_t id, Member& m) {
+  if (!m.rules.empty() || m.route || !m.want || !m.want->error.empty()) return;
+  uint64_t serial = 0;
+  for (const auto& rule : m.want->rules) {
+    auto it = leftover_rules_.find(rule);
+    if (it == leftover_rules_.end()) continue;
+    serial = std::max(serial, it->second);
+    m.rules.push_back(rule);
+    leftover_rules_.erase(it);
+  }
+  m.serial = serial;
+  if (!m.want->route) return;
+  const DefaultRoute& want = *m.want->route;
+  auto [begin, end] = leftover_routes_.equal_range(want.table);
+  auto chosen = end;
+  for (auto it = begin; it != end; ++it) {
+    if (it->second.route.metric != want.metric) continue;
+    if (chosen == end || it->second.route == want) chosen = it;
+  }
+  if (chosen == end) return;
+  m.route = chosen->second.route;
+  m.oif = chosen->second.oif;
+  if (chosen->second.linkdown || !LinkUsableNow(m.oif)) m.route_blocked = true;
+  KLOG(kDebug, "rule %u: adopted %zu rules and %s", id, m.rules.size(), Describe(*m.route).c_str());
+  leftover_routes_.erase(chosen);
+}
+
+void KernelClient::RequestSweep() {
+  if (swept_ || sweep_requested_) return;
+  sweep_requested_ = true;
+  // Deferred: the initial configuration arrives as a run of SetEntry calls in one callback;
+  // leftovers are judged once all of it is known.
+  vqmw::Defer(mw_, [this, alive = std::weak_ptr<bool>(alive_)] {
+    if (alive.expired() || phase_ != Phase::kReady) return;  // FinishSync sweeps
+    Reconcile();
+    SweepLeftovers();
+  });
+}
+
+void KernelClient::SweepLeftovers() {
+  sweep_requested_ = false;
+  swept_ = true;
+  if (!leftover_rules_.empty() || !leftover_routes_.empty())
+    KLOG(kInfo, "removing %zu rules and %zu routes that no rule wants", leftover_rules_.size(),
+         leftover_routes_.size());
+  for (const auto& [rule, serial] : leftover_rules_) DeleteRule(std::nullopt, rule);
+  for (const auto& [table, info] : leftover_routes_) DeleteRoute(std::nullopt, info.route);
+  leftover_rules_.clear();
+  leftover_routes_.clear();
+}
+
+void KernelClient::AddRule(uint16_t id, const FibRule& rule) {
+  char buf[kMaxRequestSize];
+  ++members_[id].in_flight;
+  channel_->Send(PutRuleAdd(buf, rule), [this, id, rule](int error, const std::string& message) {
+    Member& m = members_[id];
+    --m.in_flight;
+    if (error == -ENOBUFS) {
+      Resync();
+    } else if (error) {
+      KLOG(kWarn, "rule %u: the kernel refused %s: %s %s", id, Describe(rule).c_str(),
+           std::strerror(-error), message.c_str());
+      auto it = std::find(m.rules.begin(), m.rules.end(), rule);
+      if (it != m.rules.end()) {
+        m.rules.erase(it);
+        m.rules_failed = true;  // withdraw the rest: half a rule is worse than none
+        MarkDirty(id);
+      }
+    }
+    Finished(id);
+  });
+}
+
+void KernelClient::DeleteRule(std::optional<uint16_t> id, const FibRule& rule) {
+  char buf[kMaxRequestSize];
+  if (id) ++members_[*id].in_flight;
+  channel_->Send(PutRuleDelete(buf, rule), [this, id, rule](int error, const std::string& message) {
+    if (error == -ENOBUFS) {
+      Resync();
+    } else if (error && error != -ENOENT) {
+      KLOG(kWarn, "deleting %s failed: %s %s", Describe(rule).c_str(), std::strerror(-error),
+           message.c_str());
+    }
+    if (id) {
+      --members_[*id].in_flight;
+      Finished(*id);
+    }
+  });
+}
+
+void KernelClient::ReplaceRoute(uint16_t id, const DefaultRoute& route,
+                                std::optional<DefaultRoute> previous) {
+  char buf[kMaxRequestSize];
+  Member& member = members_[id];
+  ++member.in_flight;
+  member.route = route;
+  member.echo_linkdown = false;
+  channel_->Send(
+      PutRouteReplace(buf, route),
+      [this, id, route, previous](int error, const std::string& message) {
+        Member& m = members_[id];
+        --m.in_flight;
+        if (error == -ENOBUFS) {
+          Resync();
+        } else if (m.route != route) {
+          // Superseded by a later request.
+        } else if (error) {
+          KLOG(kWarn, "rule %u: the kernel refused %s: %s %s", id, Describe(route).c_str(),
+               std::strerror(-error), message.c_str());
+          // The kernel kept what it had; withdraw that too until the next hop becomes usable.
+          m.route = previous;
+          m.route_blocked = true;
+          MarkDirty(id);
+        } else if (m.echo_linkdown || !LinkUsableNow(m.oif)) {
+          KLOG(kInfo, "rule %u: the link to next hop %s is down", id,
+               AddressText(route.gateway).c_str());
+          m.route_blocked = true;
+          MarkDirty(id);
+        }
+        Finished(id);
+      },
+      [this, id](const nlmsghdr* nlh) {
+        auto info = ParseRoute(nlh);
+        if (!info || nlh->nlmsg_type != RTM_NEWROUTE) return;
+        Member& m = members_[id];
+        m.oif = info->oif;
+        m.echo_linkdown = info->linkdown;
+      });
+}
+
+void KernelClient::DeleteRoute(std::optional<uint16_t> id, const DefaultRoute& route) {
+  char buf[kMaxRequestSize];
+  if (id) ++members_[*id].in_flight;
+  channel_->Send(PutRouteDelete(buf, route),
+                 [this, id, route](int error, const std::string& message) {
+                   if (error == -ENOBUFS) {
+                     Resync();
+                   } else if (error && error != -ESRCH && error != -ENOENT) {
+                     KLOG(kWarn, "deleting %s failed: %s %s", Describe(route).c_str(),
+                          std::strerror(-error), message.c_str());
+                   }
+                   if (id) {
+                     --members_[*id].in_flight;
+                     Finished(*id);
+                   }
+                 });
+}
+
+void KernelClient::Finished(uint16_t id) {
+  if (members_[id].in_flight == 0) Evaluate(id);
+}
+
+void KernelClient::Evaluate(uint16_t id) {
+  auto it = members_.find(id);
+  if (it == members_.end()) return;
+  Member& m = it->second;
+  if (m.in_flight > 0 || dirty_.count(id) || phase_ == Phase::kSyncing) return;
+  if (!m.want) {
+    if (!m.rules.empty() || m.route) return;
+    bool reported = m.reported.has_value();
+    members_.erase(it);
+    if (reported && listener_) listener_->StatusUpdateCb(id, 0);
+    return;
+  }
+  uint32_t code = 1;
+  if (phase_ == Phase::kBroken || !m.want->error.empty() || m.rules_failed)
+    code = 2;
+  else if (m.want->route && (m.route != m.want->route || m.route_blocked))
+    code = 2;
+  if (m.reported == code || !listener_) return;
+  m.reported = code;
+  KLOG(kInfo, "rule %u: status %u", id, code);
+  listener_->StatusUpdateCb(id, code);
+}
+
+bool KernelClient::LinkUsableNow(int index) const {
+  auto it = links_.find(index);
+  // A link we have not heard of yet: trust the kernel, which accepted the route.
+  return it == links_.end() || LinkUsable(it->second);
+}
+
+void KernelClient::OnNotification(const nlmsghdr* nlh) {
+  if (channel_ && nlh->nlmsg_pid == channel_->PortId()) return;  // our own change
+  switch (nlh->nlmsg_type) {
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+      OnLink(nlh);
+      return;
+    case RTM_NEWADDR:
+      if (!ParseAddressIndex(nlh)) return;
+      // A new subnet may make refused next hops reachable.
+      for (auto& [id, m] : members_)
+        if (m.route_blocked && WantedRoute(m)) {
+          m.route_blocked = false;
+          MarkDirty(id);
+        }
+      return;
+    case RTM_DELADDR: {
+      int index = ParseAddressIndex(nlh);
+      if (!index) return;
+      // The kernel drops routes through the lost subnet without telling; ask again.
+      for (auto& [id, m] : members_)
+        if (m.route && m.oif == index) {
+          m.route_verify = true;
+          MarkDirty(id);
+        }
+      return;
+    }
+    case RTM_DELROUTE: {
+      auto info = ParseRoute(nlh);
+      if (!info) return;
+      for (auto* pool : {&leftover_routes_, &dumped_routes_}) {
+        auto [begin, end] = pool->equal_range(info->route.table);
+        for (auto it = begin; it != end; ++it)
+          if (it->second.route == info->route) {
+            pool->erase(it);
+            break;
+          }
+      }
+      auto it = members_.find(static_cast<uint16_t>(info->route.table - kTableBase));
+      if (it != members_.end() && it->second.route == info->route) {
+        KLOG(kInfo, "rule %u: %s was removed; reinstalling", it->first,
+             Describe(info->route).c_str());
+        it->second.route.reset();
+        MarkDirty(it->first);
+      }
+      return;
+    }
+    case RTM_DELRULE: {
+      auto rule = ParseRule(nlh);
+      if (!rule) return;
+      for (auto* pool : {&leftover_rules_, &dumped_rules_}) {
+        auto it = pool->find(*rule);
+        if (it != pool->end()) pool->erase(it);
+      }
+      auto owner = classes_.find(rule->priority);
+      if (owner == classes_.end()) return;
+      for (const auto& [priority, id] : owner->second) {
+        Member& m = members_[id];
+        auto it = std::find(m.rules.begin(), m.rules.end(), *rule);
+        if (it == m.rules.end()) continue;
+        KLOG(kInfo, "rule %u: %s was removed; reinstalling", id, Describe(*rule).c_str());
+        m.rules.erase(it);
+        MarkDirty(id);
+        return;
+      }
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+void KernelClient::OnLink(const nlmsghdr* nlh) {
+  auto link = ParseLink(nlh);
+  if (!link) return;
+  auto known = links_.find(link->index);
+  bool was = known != links_.end() && LinkUsable(known->second);
+  bool now = false;
+  if (nlh->nlmsg_type == RTM_DELLINK) {
+    links_.erase(link->index);
+    dumped_links_.erase(link->index);
+  } else {
+    links_[link->index] = link->flags;
+    dumped_links_[link->index] = link->flags;
+    now = LinkUsable(link->flags);
+  }
+  if (phase_ != Phase::kReady || was == now) return;
+  KLOG(kInfo, "link %s (%d) is %s", link->name.c_str(), link->index, now ? "up" : "down");
+  for (auto& [id, m] : members_) {
+    if (!now && m.route && m.oif == link->index && !m.route_blocked) {
+      // Withdraw the route: traffic falls back to the main table instead of a dead link.
+      m.route_blocked = true;
+      MarkDirty(id);
+    } else if (now && m.route_blocked && WantedRoute(m)) {
+      m.route_blocked = false;
+      MarkDirty(id);
+    }
+  }
+}
+
+}  // namespace pbr::element

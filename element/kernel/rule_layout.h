@@ -1,0 +1,84 @@
+// How one PBR rule is laid out in Linux policy routing: the FIB rules that select its traffic
+// and the default route of the routing table they look up. Pure functions, no kernel access.
+//
+// Layout decisions (README "Kernel backend" explains them to users):
+// - Every object carries routing protocol kRouteProtocol; the backend touches no other.
+// - Kernel rule priority = kFirstKernelPriority + PBR priority, capped at kLastKernelPriority, so
+//   every PBR rule is consulted before the main table (32766). Rules sharing a kernel priority are
+//   kept in ascending (PBR priority, rule id) order by the backend.
+// - Rule `id` with a next hop owns table kTableBase + id, holding one default route via the next
+//   hop with metric MetricOf(id) (distinct per table: the kernel hashes routes by device and
+//   metric). A rule without next hop looks up the main table.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/limid.h"
+#include "platform/pbr_model.h"
+
+namespace pbr::element {
+
+inline constexpr uint8_t kRouteProtocol = 77;
+inline constexpr uint32_t kFirstKernelPriority = 1;
+inline constexpr uint32_t kLastKernelPriority = 32765;  // the main table's rule is at 32766
+inline constexpr uint32_t kTableBase = 100000;          // clear of 0 and 253..255
+inline constexpr uint32_t kMainTable = 254;
+
+// An IPv4 prefix; `addr` in network byte order with the host bits cleared.
+struct Prefix {
+  uint32_t addr = 0;
+  uint8_t len = 0;
+  auto operator<=>(const Prefix&) const = default;
+};
+
+// One kernel FIB rule as this backend installs it ("from src to dst iif X lookup table").
+struct FibRule {
+  uint32_t priority = 0;  // kernel priority
+  uint32_t table = 0;
+  Prefix src;
+  Prefix dst;
+  std::string iif;  // empty: any ingress interface
+  auto operator<=>(const FibRule&) const = default;
+};
+
+// The default route of a rule's own table.
+struct DefaultRoute {
+  uint32_t table = 0;
+  uint32_t gateway = 0;  // network byte order
+  uint32_t metric = 0;
+  auto operator<=>(const DefaultRoute&) const = default;
+};
+
+// Everything the kernel should hold for one PBR rule.
+struct RuleLayout {
+  uint16_t id = 0;
+  uint32_t priority = 0;              // the PBR priority, for ordering equal kernel priorities
+  std::vector<FibRule> rules;         // sorted, no duplicates; empty when `error` is set
+  std::optional<DefaultRoute> route;  // absent for a rule without next hop
+  std::string error;                  // why the rule cannot be programmed, empty if it can
+};
+
+// Resolves an ingress interface identifier to its name; nullopt for an unknown identifier.
+using InterfaceNames = std::function<std::optional<std::string>(limid_t)>;
+
+uint32_t KernelPriority(uint32_t pbr_priority);
+uint32_t TableOf(uint16_t id);
+uint32_t MetricOf(uint16_t id);
+// True for the tables of this backend's rules.
+bool IsRuleTable(uint32_t table);
+
+// Lays out rule `id`. Invalid input (a non-prefix mask, an unknown interface, next hop 0.0.0.0)
+// gives a layout with `error` set and nothing to install.
+RuleLayout LayOut(uint16_t id, const Entry& entry, const InterfaceNames& names);
+
+// "pref 7 from 10.1.0.0/16 iif eth0 lookup 100007", for logs.
+std::string Describe(const FibRule& rule);
+std::string Describe(const DefaultRoute& route);
+std::string AddressText(uint32_t addr);
+
+}  // namespace pbr::element

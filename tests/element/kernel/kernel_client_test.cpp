@@ -1,0 +1,362 @@
+// The kernel backend through pbr::PbrClient, in a routed test network of namespaces: rules steer
+// real pings, and the kernel's rules and routes are read back with `ip -j`.
+#include "element/kernel/kernel_client.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "platform/vqmw.h"
+#include "tests/element/kernel/entry_builder.h"
+#include "tests/element/kernel/testbed.h"
+#include "tests/element/middleware/element_env.h"
+
+namespace pbr::element {
+namespace {
+
+using namespace std::chrono_literals;
+using pbrtest::EntryBuilder;
+using pbrtest::TestBed;
+
+// Interface ids of the test: 1 ra, 2 rb1, 3 rb2; others unknown.
+std::optional<std::string> Names(limid_t id) {
+  static const std::map<uint32_t, std::string> names = {{1, "ra"}, {2, "rb1"}, {3, "rb2"}};
+  auto it = names.find(id.value);
+  if (it == names.end()) return std::nullopt;
+  return it->second;
+}
+
+constexpr uint32_t kNoReport = 99;
+
+class KernelClientTest : public ::testing::Test, public PbrStatusItf {
+ protected:
+  void SetUp() override {
+    bed_ = std::make_unique<TestBed>();
+    if (!bed_->ok()) GTEST_SKIP() << bed_->error();
+    mw_ = vqmw_init(("kernel-test-" + std::to_string(getpid())).c_str());
+    ASSERT_NE(mw_, nullptr);
+  }
+
+  void TearDown() override {
+    client_.reset();
+    if (HasFailure()) std::cerr << "backend log:\n" << env_.Log();
+    if (mw_) vqmw_finish(&mw_);
+    bed_.reset();
+  }
+
+  void StatusUpdateCb(const uint16_t& id, uint32_t status) override {
+    statuses_[id].push_back(status);
+  }
+
+  KernelClient& Start(std::chrono::milliseconds grace = 60s) {
+    client_.reset();
+    client_ = std::make_unique<KernelClient>(mw_, vqmw_trace_register_category("kernel"),
+                                             KernelClient::Options{Names, grace});
+    client_->RegisterStatusListener(this);
+    return *client_;
+  }
+
+  // Runs the loop until `done` holds, checking every `tick`, for at most `limit`.
+  bool RunUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s,
+                std::chrono::milliseconds tick = 2ms) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    bool met = false;
+    std::unique_ptr<vqmw::Source> timer;
+    std::function<void()> check = [&] {
+      met = done();
+      if (met || std::chrono::steady_clock::now() > deadline)
+        vqmw::Exit(mw_, 0);
+      else
+        timer = vqmw::StartTimer(mw_, tick, check);
+    };
+    timer = vqmw::StartTimer(mw_, 0us, check);
+    vqmw_loop_while_timeout(mw_, nullptr, static_cast<int>(limit.count()) + 1000);
+    return met;
+  }
+
+  bool Settle() {
+    return RunUntil([&] { return client_->Settled(); });
+  }
+
+  // Runs the loop until rule `id` reports `status`.
+  bool AwaitStatus(uint16_t id, uint32_t status) {
+    return RunUntil([&] { return Status(id) == status; });
+  }
+
+  uint32_t Status(uint16_t id) const {
+    auto it = statuses_.find(id);
+    return it == statuses_.end() || it->second.empty() ? kNoReport : it->second.back();
+  }
+
+  // Which of r's next-hop links carried a short ping from a to 10.9.9.9: "rb1", "rb2" or "?".
+  std::string PingPath() {
+    uint64_t b1 = bed_->TxPackets("rb1"), b2 = bed_->TxPackets("rb2");
+    pbrtest::BackgroundPing ping(*bed_, 5, 20);
+    auto [sent, received] = ping.Wait();
+    EXPECT_EQ(received, sent) << "pings lost";
+    uint64_t d1 = bed_->TxPackets("rb1") - b1, d2 = bed_->TxPackets("rb2") - b2;
+    if (d1 >= 5 && d2 < 5) return "rb1";
+    if (d2 >= 5 && d1 < 5) return "rb2";
+    return "? (rb1 +" + std::to_string(d1) + ", rb2 +" + std::to_string(d2) + ")";
+  }
+
+  // Our rules as `ip rule` prints them, in list order: "11 from 10.1.0.0/16 iif ra lookup 100007".
+  std::vector<std::string> RuleTexts() {
+    std::vector<std::string> out;
+    for (auto& r : bed_->Rules(kRouteProtocol)) {
+      std::string text = std::to_string(r["priority"].get<int>());
+      if (r.contains("src") && r["src"] != "all") {
+        text += " from " + r["src"].get<std::string>();
+        if (r.contains("srclen")) text += "/" + std::to_string(r["srclen"].get<int>());
+      }
+      if (r.contains("dst")) {
+        text += " to " + r["dst"].get<std::string>();
+        if (r.contains("dstlen")) text += "/" + std::to_string(r["dstlen"].get<int>());
+      }
+      if (r.contains("iif")) text += " iif " + r["iif"].get<std::string>();
+      text += " lookup " + r["table"].get<std::string>();
+      out.push_back(text);
+    }
+    return out;
+  }
+
+  // The gateways of `table`'s default routes.
+  std::vector<std::string> Gateways(uint32_t table) {
+    std::vector<std::string> out;
+    for (auto& r : bed_->Routes(table))
+      if (r["dst"] == "default") out.push_back(r["gateway"].get<std::string>());
+    return out;
+  }
+
+  pbrtest::ElementEnv env_{"kernel=10"};
+  std::unique_ptr<TestBed> bed_;
+  vqmw_t* mw_ = nullptr;
+  std::unique_ptr<KernelClient> client_;
+  std::map<uint16_t, std::vector<uint32_t>> statuses_;
+};
+
+Entry SteerToB2(uint16_t id = 7) {
+  return EntryBuilder(id).Priority(10).From("10.1.2.3/16").Iif(1).Via("10.0.2.2").Build();
+}
+
+TEST_F(KernelClientTest, CommittedRuleSteersTrafficAndDeletionReturnsItToMain) {
+  KernelClient& client = Start();
+  EXPECT_EQ(PingPath(), "rb1");
+
+  EXPECT_EQ(client.SetEntry(7, SteerToB2()), PBR_OK);
+  EXPECT_EQ(Status(7), kNoReport) << "no report from inside SetEntry";
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(RuleTexts(), std::vector<std::string>{"11 from 10.1.0.0/16 iif ra lookup 100007"});
+  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.2.2"});
+  EXPECT_EQ(PingPath(), "rb2");
+
+  client.DeleteEntry(7);
+  ASSERT_TRUE(AwaitStatus(7, 0));
+  EXPECT_TRUE(RuleTexts().empty());
+  EXPECT_TRUE(Gateways(100007).empty());
+  EXPECT_EQ(PingPath(), "rb1");
+}
+
+TEST_F(KernelClientTest, RuleWithoutNextHopLooksUpMainAheadOfOtherRules) {
+  KernelClient& client = Start();
+  client.SetEntry(7, SteerToB2());
+  // Rule 3 comes first and exempts 10.9.9.9 from rule 7: traffic follows the main table.
+  client.SetEntry(3, EntryBuilder(3).Priority(5).To("10.9.9.9").Build());
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(Status(3), 1u);
+  EXPECT_EQ(RuleTexts(), (std::vector<std::string>{"6 to 10.9.9.9 lookup main",
+                                                   "11 from 10.1.0.0/16 iif ra lookup 100007"}));
+  EXPECT_EQ(PingPath(), "rb1");
+}
+
+TEST_F(KernelClientTest, ChangedNextHopMovesTrafficWithoutLoss) {
+  KernelClient& client = Start();
+  client.SetEntry(7, SteerToB2());
+  ASSERT_TRUE(AwaitStatus(7, 1));
+
+  uint64_t b1 = bed_->TxPackets("rb1");
+  pbrtest::BackgroundPing ping(*bed_, 150, 10);
+  uint64_t b2 = bed_->TxPackets("rb2");
+  ASSERT_TRUE(RunUntil([&] { return bed_->TxPackets("rb2") >= b2 + 20; }, 5s, 20ms));
+  client.SetEntry(7,
+                  EntryBuilder(7).Priority(10).From("10.1.0.0/16").Iif(1).Via("10.0.1.2").Build());
+  ASSERT_TRUE(Settle());
+  auto [sent, received] = ping.Wait();
+  EXPECT_EQ(received, sent);
+  EXPECT_GE(bed_->TxPackets("rb1") - b1, 20u) << "traffic did not move to the new next hop";
+  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.1.2"});
+  EXPECT_EQ(Status(7), 1u);
+}
+
+TEST_F(KernelClientTest, ChangedSelectorIsAddedBeforeTheOldOneGoes) {
+  KernelClient& client = Start();
+  client.SetEntry(7, SteerToB2());
+  ASSERT_TRUE(AwaitStatus(7, 1));
+
+  pbrtest::BackgroundPing ping(*bed_, 100, 10);
+  uint64_t b2 = bed_->TxPackets("rb2");
+  ASSERT_TRUE(RunUntil([&] { return bed_->TxPackets("rb2") >= b2 + 20; }, 5s, 20ms));
+  // Narrower source and a destination: same traffic, different kernel rule.
+  client.SetEntry(7, EntryBuilder(7)
+                         .Priority(10)
+                         .From("10.1.0.0/24")
+                         .To("10.9.9.0/24")
+                         .Iif(1)
+                         .Via("10.0.2.2")
+                         .Build());
+  ASSERT_TRUE(Settle());
+  uint64_t after = bed_->TxPackets("rb2");
+  auto [sent, received] = ping.Wait();
+  EXPECT_EQ(received, sent);
+  EXPECT_GT(bed_->TxPackets("rb2"), after) << "traffic left the next hop";
+  EXPECT_EQ(RuleTexts(),
+            std::vector<std::string>{"11 from 10.1.0.0/24 to 10.9.9.0/24 iif ra lookup 100007"});
+}
+
+TEST_F(KernelClientTest, RestartKeepsForwardingAndRemovesWhatIsNoLongerConfigured) {
+  KernelClient& first = Start();
+  first.SetEntry(7, SteerToB2());
+  first.SetEntry(8, EntryBuilder(8).Priority(20).From("10.2.0.0/16").Via("10.0.1.2").Build());
+  first.SetEntry(9, EntryBuilder(9).Priority(30).To("10.3.0.0/16").Build());
+  ASSERT_TRUE(Settle());
+  ASSERT_EQ(RuleTexts().size(), 3u);
+
+  pbrtest::BackgroundPing ping(*bed_, 100, 10);
+  uint64_t b2 = bed_->TxPackets("rb2");
+  ASSERT_TRUE(RunUntil([&] { return bed_->TxPackets("rb2") >= b2 + 20; }, 5s, 20ms));
+  KernelClient& second = Start();  // the old client goes: a restarted process
+  second.SetEntry(7, SteerToB2());
+  ASSERT_TRUE(Settle());
+  auto [sent, received] = ping.Wait();
+  EXPECT_EQ(received, sent);
+  EXPECT_EQ(RuleTexts(), std::vector<std::string>{"11 from 10.1.0.0/16 iif ra lookup 100007"});
+  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.2.2"});
+  EXPECT_TRUE(Gateways(100008).empty());
+  EXPECT_EQ(Status(7), 1u);
+}
+
+TEST_F(KernelClientTest, LeftoversGoAfterTheGracePeriodWithoutConfigurationForeignOnesStay) {
+  // A leftover of ours and a foreign rule that differs only in its protocol.
+  ASSERT_EQ(bed_->Ip("r", "rule add pref 11 from 10.1.0.0/16 lookup 100007 proto 77"), 0);
+  ASSERT_EQ(bed_->Ip("r", "rule add pref 11 from 10.1.0.0/16 lookup 100007 proto static"), 0);
+  ASSERT_EQ(bed_->Ip("r", "route add default via 10.0.2.2 table 100007 metric 7 proto 77"), 0);
+  ASSERT_EQ(bed_->Ip("r", "route add 10.5.0.0/16 via 10.0.2.2 table 100007 proto static"), 0);
+  Start(200ms);
+  ASSERT_TRUE(RunUntil([&] { return RuleTexts().empty() && Gateways(100007).empty(); }, 5s, 50ms));
+  EXPECT_EQ(bed_->IpJson("r", "rule show pref 11").size(), 1u) << "the foreign rule is gone";
+  EXPECT_EQ(bed_->Routes(100007).size(), 1u) << "the foreign route is gone";
+}
+
+TEST_F(KernelClientTest, EqualPrioritiesAreOrderedByIdWhateverTheArrivalOrder) {
+  KernelClient& client = Start();
+  auto rule = [](uint16_t id, uint32_t priority) {
+    return EntryBuilder(id).Priority(priority).From("10.1.0.0/16").Via("10.0.2.2").Build();
+  };
+  client.SetEntry(5, rule(5, 10));
+  client.SetEntry(3, rule(3, 10));
+  ASSERT_TRUE(Settle());
+  client.SetEntry(4, rule(4, 10));
+  client.SetEntry(1, rule(1, 40000));  // beyond the kernel's range: shares the last priority
+  client.SetEntry(2, rule(2, 32764));
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(RuleTexts(),
+            (std::vector<std::string>{
+                "11 from 10.1.0.0/16 lookup 100003", "11 from 10.1.0.0/16 lookup 100004",
+                "11 from 10.1.0.0/16 lookup 100005", "32765 from 10.1.0.0/16 lookup 100002",
+                "32765 from 10.1.0.0/16 lookup 100001"}));
+  // Moving rule 5 ahead of 3 reorders the kernel's list too.
+  client.SetEntry(5, rule(5, 9));
+  client.SetEntry(3, rule(3, 11));
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(RuleTexts()[0], "10 from 10.1.0.0/16 lookup 100005");
+  EXPECT_EQ(RuleTexts()[1], "11 from 10.1.0.0/16 lookup 100004");
+  EXPECT_EQ(RuleTexts()[2], "12 from 10.1.0.0/16 lookup 100003");
+}
+
+TEST_F(KernelClientTest, NextHopLinkDownFailsTheRuleAndItRecovers) {
+  KernelClient& client = Start();
+  client.SetEntry(7, SteerToB2());
+  ASSERT_TRUE(AwaitStatus(7, 1));
+
+  // Carrier loss: the far end goes down.
+  ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 2));
+  EXPECT_EQ(PingPath(), "rb1") << "traffic should fall back to the main table";
+  ASSERT_EQ(bed_->Ip("b2", "link set b2r up"), 0);
+  ASSERT_EQ(bed_->Ip("b2", "route replace default via 10.0.2.1"), 0);  // b2's own, lost when down
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(PingPath(), "rb2");
+
+  // Administrative down: the kernel drops the route silently.
+  ASSERT_EQ(bed_->Ip("r", "link set rb2 down"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 2));
+  ASSERT_EQ(bed_->Ip("r", "link set rb2 up"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.2.2"});
+  EXPECT_EQ(PingPath(), "rb2");
+
+  // Address removal drops the route silently too.
+  ASSERT_EQ(bed_->Ip("r", "addr del 10.0.2.1/24 dev rb2"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 2));
+  ASSERT_EQ(bed_->Ip("r", "addr add 10.0.2.1/24 dev rb2"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(PingPath(), "rb2");
+}
+
+TEST_F(KernelClientTest, UnreachableNextHopFailsUntilItsSubnetAppears) {
+  KernelClient& client = Start();
+  client.SetEntry(7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Via("10.0.3.2").Build());
+  ASSERT_TRUE(AwaitStatus(7, 2));
+  EXPECT_TRUE(Gateways(100007).empty());
+  EXPECT_EQ(RuleTexts().size(), 1u) << "the rule stays; its empty table falls through to main";
+  EXPECT_EQ(PingPath(), "rb1");
+
+  // Give b2 an address on the next hop's subnet and r a route to it.
+  ASSERT_EQ(bed_->Ip("b2", "addr add 10.0.3.2/24 dev b2r"), 0);
+  ASSERT_EQ(bed_->Ip("r", "addr add 10.0.3.1/24 dev rb2"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.3.2"});
+  EXPECT_EQ(PingPath(), "rb2");
+}
+
+TEST_F(KernelClientTest, InvalidRulesFailAndLeaveNothingBehind) {
+  KernelClient& client = Start();
+  client.SetEntry(7, SteerToB2());
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(client.SetEntry(7, EntryBuilder(7).Iif(42).Via("10.0.2.2").Build()), PBR_ERR_INVALID);
+  EXPECT_EQ(client.SetEntry(8, EntryBuilder(8).From("10.0.0.0/255.0.255.0").Build()),
+            PBR_ERR_INVALID);
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(Status(7), 2u);
+  EXPECT_EQ(Status(8), 2u);
+  EXPECT_TRUE(RuleTexts().empty());
+  EXPECT_TRUE(Gateways(100007).empty());
+  // A refused next hop (a multicast address) fails without harming other rules.
+  client.SetEntry(9, EntryBuilder(9).From("10.4.0.0/16").Via("224.0.0.1").Build());
+  client.SetEntry(7, SteerToB2());
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(Status(9), 2u);
+  EXPECT_EQ(Status(7), 1u);
+}
+
+TEST_F(KernelClientTest, ObjectsRemovedBehindItsBackAreReinstalled) {
+  KernelClient& client = Start();
+  client.SetEntry(7, SteerToB2());
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  ASSERT_EQ(bed_->Ip("r", "rule del pref 11 from 10.1.0.0/16 iif ra lookup 100007 proto 77"), 0);
+  ASSERT_TRUE(RunUntil([&] { return RuleTexts().size() == 1; }, 5s, 20ms));
+  ASSERT_EQ(bed_->Ip("r", "route del default table 100007"), 0);
+  ASSERT_TRUE(RunUntil([&] { return Gateways(100007).size() == 1; }, 5s, 20ms));
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(Status(7), 1u);
+  EXPECT_EQ(PingPath(), "rb2");
+}
+
+}  // namespace
+}  // namespace pbr::element
