@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "element/kernel/kernel_client.h"
 #include "element/middleware/dirs.h"
+#include "element/pbr/intf_names.h"
 #include "element/pbr/memory_backend.h"
 
 namespace pbr {
@@ -12,6 +14,12 @@ namespace {
 
 std::unique_ptr<PbrClient> MakeMemoryBackend(vqmw_t* mw, zlog_category_t* category) {
   return std::make_unique<MemoryBackend>(mw, category, vqmw::StateDir() + "/pbr-manager.json");
+}
+
+std::unique_ptr<PbrClient> MakeKernelBackend(vqmw_t* mw, zlog_category_t* category) {
+  element::KernelClient::Options options;
+  options.interface_names = IntfNameFromLimid;
+  return std::make_unique<element::KernelClient>(mw, category, std::move(options));
 }
 
 struct Backend {
@@ -22,6 +30,7 @@ struct Backend {
 // The first is the default.
 constexpr Backend kBackends[] = {
     {"memory", MakeMemoryBackend},
+    {"kernel", MakeKernelBackend},
 };
 
 }  // namespace

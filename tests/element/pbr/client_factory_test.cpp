@@ -25,7 +25,7 @@ TEST(ClientFactory, UnknownBackendNamesTheValidOnes) {
   vqmw_t* mw = vqmw_init("pbr-app");
   std::string error;
   EXPECT_EQ(pbr::MakeClient(mw, nullptr, "fpga", &error), nullptr);
-  EXPECT_EQ(error, "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory");
+  EXPECT_EQ(error, "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory, kernel");
   EXPECT_EQ(pbr::MakeClient(nullptr, nullptr, "memory", &error), nullptr);
   vqmw_finish(&mw);
 }
@@ -35,7 +35,7 @@ TEST(ClientFactoryDeathTest, BuildEndsTheProcessWithAFaultWhenNoClientCanBeMade)
   env.Set("PBR_ELEMENT_BACKEND", "fpga");
   vqmw_t* mw = vqmw_init("pbr-app");
   EXPECT_EXIT(pbr::PbrClient::Build(mw, nullptr), ::testing::ExitedWithCode(1),
-              "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory");
+              "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory, kernel");
   EXPECT_NE(env.Faults().find("\"severity\":1"), std::string::npos);
   EXPECT_NE(env.Faults().find("names no backend"), std::string::npos);
   vqmw_finish(&mw);
