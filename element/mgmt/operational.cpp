@@ -71,7 +71,8 @@ bool OperationalView::Add(const Value& key, const ObjectReply& reply, std::strin
       continue;
     }
     if (type == C_NOEXISTS) continue;
-    const lysc_node* schema = lys_find_child(stack.back()->schema, nullptr, name.c_str(), 0, 0, 0);
+    const lysc_node* schema =
+        lys_find_child(stack.back()->schema, stack.back()->schema->module, name.c_str(), 0, 0, 0);
     if (!schema) {
       *error = "no leaf " + name;
       ok = false;
