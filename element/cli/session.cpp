@@ -1,13 +1,7 @@
 #include "element/cli/session.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "element/cli/config_tree.h"
+#include "element/cli/document.h"
 #include "element/cli/error_text.h"
 #include "element/cli/status_table.h"
 
@@ -23,36 +17,6 @@ void WriteText(std::ostream& out, const std::string& text) {
   out.write(text.data(), static_cast<std::streamsize>(text.size()));
   if (!text.empty() && text.back() != '\n') out.put('\n');
   out.flush();
-}
-
-bool ReadFile(const std::string& path, std::string* text, std::string* error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  struct stat st {};
-  if (fd < 0 || ::fstat(fd, &st) != 0) {
-    *error = std::strerror(errno);
-    if (fd >= 0) ::close(fd);
-    return false;
-  }
-  if (S_ISDIR(st.st_mode)) {
-    *error = std::strerror(EISDIR);
-    ::close(fd);
-    return false;
-  }
-  char buffer[64 * 1024];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n > 0) {
-      text->append(buffer, static_cast<size_t>(n));
-    } else if (n == 0) {
-      break;
-    } else if (errno != EINTR) {
-      *error = std::strerror(errno);
-      ::close(fd);
-      return false;
-    }
-  }
-  ::close(fd);
-  return true;
 }
 
 }  // namespace
@@ -200,8 +164,8 @@ int Session::CommitEdit(const std::vector<mgmt::EditOperation>& operations) {
 
 int Session::LoadFile(const LoadCommand& load) {
   std::string text, error;
-  if (!ReadFile(load.file, &text, &error)) {
-    err_ << "error: " << load.file << ": cannot read: " << error << std::endl;
+  if (!ReadDocument(load.file, load.format, &text, &error)) {
+    err_ << "error: " << error << std::endl;
     return kExitFailed;
   }
   mgmt::ClientMessage request;

@@ -67,11 +67,11 @@ class TableSax : public nlohmann::json::json_sax_t {
     ++depth_;
     if (listDepth_ > 0 && depth_ == listDepth_ + 1) {
       entryDepth_ = depth_;
-      id_.clear();
+      id_ = "-";
       source_ = "-";
       destination_ = "-";
-      action_.clear();
-      hwStatus_.clear();
+      action_ = "-";
+      hwStatus_ = "-";
     } else if (entryDepth_ > 0 && depth_ == entryDepth_ + 1 && NameIs(key_, "rule")) {
       ruleDepth_ = depth_;
     }

@@ -10,8 +10,9 @@
 namespace pbr::cli {
 
 // Appends the table for `json` (the answer to GetOperational) to *out: a header line, then one
-// line per entry of the operational list in the document's order. An absent source or
-// destination shows as "-". False with *error when the text is not such a document.
+// line per entry of the operational list in the document's order. An absent value (a rule
+// without a source or destination match, a status code without a name) shows as "-". False with
+// *error when the text is not such a document.
 bool FormatStatusTable(std::string_view json, std::string* out, std::string* error);
 
 }  // namespace pbr::cli
