@@ -47,8 +47,12 @@ bool MatchPorts::operator==(const Match& other) const {
   return ports_ == static_cast<const MatchPorts&>(other).ports_;
 }
 
-void MatchSrcIPv4::ConvertToMatchPB(MatchPB* pb) const { ToPB(kType, *this, pb); }
-void MatchDstIPv4::ConvertToMatchPB(MatchPB* pb) const { ToPB(kType, *this, pb); }
+void MatchSrcIPv4::ConvertToMatchPB(MatchPB* pb) const {
+  ToPB(kType, *this, pb);
+}
+void MatchDstIPv4::ConvertToMatchPB(MatchPB* pb) const {
+  ToPB(kType, *this, pb);
+}
 
 void MatchSrcIPv4::ConvertFromMatchPB(const MatchPB* pb) {
   ip_.s_addr = pb->ipv4();

@@ -1,0 +1,422 @@
+// vqconfd::AppInterface: attaches the daemon's handlers to the management server on
+// $PBR_ELEMENT_RUNTIME_DIR/mgmt.sock, from the middleware loop and without blocking it. While
+// the server is away it retries with a back-off (100 ms doubling to 5 s); at every attachment it
+// reports ConfdConnected and runs ReadInitialConfig and ApplyInitialConfig on a snapshot of the
+// running configuration; each commit then arrives as StartCommit, the subscription callbacks in
+// ConfD's diff order, ApplyCommitConfig, and is acknowledged. A lost connection reports
+// ConfdDisconnected and the framework attaches again when the server is back.
+//
+// An exception leaving a handler's callback stays in the framework: it is logged, reported as a
+// fault of severity 0, and then
+// - in ReadInitialConfig, ApplyInitialConfig, StartCommit, a change callback or
+//   ApplyCommitConfig, the connection is dropped and attached again, so the handler reloads the
+//   whole configuration rather than going on from a half-applied commit (which stays
+//   unacknowledged);
+// - in a get-object request, that entry is answered with the exception's text and the others
+//   as usual.
+#include <errno.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <string>
+
+#include "element/framework/cdb.h"
+#include "element/framework/data_reply.h"
+#include "element/framework/values.h"
+#include "element/mgmt/framing.h"
+#include "element/mgmt/mgmt.pb.h"
+#include "element/middleware/loop.h"
+#include "platform/vqconfd.h"
+
+#define FW_LOG(impl, ...)                                                                 \
+  zlog((impl)->category, __FILE__, sizeof(__FILE__) - 1, __func__, std::strlen(__func__), \
+       __LINE__, 10, __VA_ARGS__)
+
+namespace vqconfd {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr std::chrono::milliseconds kFirstRetry = 100ms;
+constexpr std::chrono::milliseconds kLastRetry = 5000ms;
+
+}  // namespace
+
+struct AppInterface::Impl {
+  struct Point {
+    ConfigHandler* handler;
+    const SubscriptionPoint* point;
+  };
+  struct Served {
+    DataHandler* handler;
+    DataHandler::Callpoint* callpoint;
+  };
+
+  vqmw_t* mw;
+  zlog_category_t* category;
+  std::string app;
+  std::vector<ConfigHandler*> configHandlers;
+  std::vector<DataHandler*> dataHandlers;
+  ELEM_CONFD_PHASE_ET phase;
+  std::vector<Point> points;  // by subscription index, as sent in Attach
+  std::map<std::string, Served> callpoints;
+
+  int fd = -1;
+  bool connecting = false;
+  bool connectedReported = false;
+  uint64_t generation = 0;  // changes whenever the connection is dropped
+  std::unique_ptr<vqmw::Source> watch;
+  std::unique_ptr<vqmw::Source> timer;
+  pbr::mgmt::FramedStream stream;
+  std::chrono::milliseconds retry = kFirstRetry;
+  uint64_t nextRequest = 1;
+
+  ~Impl() { Close(); }
+
+  void ScheduleConnect(std::chrono::milliseconds delay) {
+    timer = vqmw::StartTimer(mw, delay, [this] { Connect(); });
+  }
+
+  void Connect();
+  void Close();
+  void Drop(const std::string& why);
+  void OnIo(uint32_t revents);
+  void Send(const pbr::mgmt::ClientMessage& message);
+  void UpdateEvents() {
+    if (watch)
+      vqmw::SetFdEvents(*watch,
+                        EPOLLIN | (stream.HasOutput() || connecting ? uint32_t{EPOLLOUT} : 0u));
+  }
+  void Handle(pbr::mgmt::ServerMessage& message);
+  void HandleAttachReply(pbr::mgmt::AttachReply& reply);
+  void HandleCommit(const pbr::mgmt::Commit& commit);
+  void HandleGetObjects(const pbr::mgmt::GetObjects& request);
+  void Ack(uint64_t seq);
+  // Runs a handler callback; false when it threw (logged and reported).
+  template <typename F>
+  bool Guard(const char* what, F&& f);
+};
+
+template <typename F>
+bool AppInterface::Impl::Guard(const char* what, F&& f) {
+  std::string text;
+  try {
+    f();
+    return true;
+  } catch (const std::exception& e) {
+    text = e.what();
+  } catch (...) {
+    text = "unknown exception";
+  }
+  char message[350] = {};
+  std::snprintf(message, sizeof message, "%s: exception from %s: %s", app.c_str(), what,
+                text.c_str());
+  FW_LOG(this, "%s", message);
+  vqmw_gen_fault(0, what, __FILE__, __LINE__, message);
+  return false;
+}
+
+void AppInterface::Impl::Connect() {
+  timer.reset();
+  const std::string path = vqmw::RuntimeDir() + "/mgmt.sock";
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0 || (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 &&
+                 errno != EINPROGRESS && errno != EAGAIN)) {
+    FW_LOG(this, "management server not reachable at %s (%s), retrying in %lld ms", path.c_str(),
+           std::strerror(errno), static_cast<long long>(retry.count()));
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+    ScheduleConnect(retry);
+    retry = std::min(retry * 2, kLastRetry);
+    return;
+  }
+  connecting = true;
+  watch = vqmw::WatchFd(mw, fd, EPOLLIN | EPOLLOUT, [this](uint32_t revents) { OnIo(revents); });
+
+  pbr::mgmt::ClientMessage message;
+  message.set_id(nextRequest++);
+  pbr::mgmt::Attach* attach = message.mutable_attach();
+  attach->set_app_name(app);
+  for (const Point& p : points) {
+    pbr::mgmt::Subscription* sub = attach->add_subscription();
+    sub->set_priority(p.point->priority);
+    sub->set_ns(p.point->ns);
+    sub->set_path(p.point->path ? p.point->path : "");
+  }
+  for (const auto& [name, served] : callpoints) attach->add_callpoint(name);
+  stream.Queue(message);
+  UpdateEvents();
+}
+
+void AppInterface::Impl::Close() {
+  watch.reset();
+  if (fd >= 0) {
+    detail::CloseCdbSocket(fd);
+    ::close(fd);
+  }
+  fd = -1;
+  connecting = false;
+  stream = pbr::mgmt::FramedStream();
+  ++generation;
+}
+
+void AppInterface::Impl::Drop(const std::string& why) {
+  FW_LOG(this, "connection to the management server lost: %s", why.c_str());
+  Close();
+  if (connectedReported) {
+    connectedReported = false;
+    for (ConfigHandler* h : configHandlers)
+      Guard("ConfdDisconnected", [&] { h->ConfdDisconnected(); });
+    for (DataHandler* h : dataHandlers) Guard("ConfdDisconnected", [&] { h->ConfdDisconnected(); });
+  }
+  ScheduleConnect(retry);
+  retry = std::min(retry * 2, kLastRetry);
+}
+
+void AppInterface::Impl::Send(const pbr::mgmt::ClientMessage& message) {
+  stream.Queue(message);
+  if (!connecting && stream.WriteTo(fd) == pbr::mgmt::FramedStream::Io::kError) {
+    Drop("write failed");
+    return;
+  }
+  UpdateEvents();
+}
+
+void AppInterface::Impl::OnIo(uint32_t revents) {
+  const uint64_t gen = generation;
+  if (revents & EPOLLOUT) {
+    if (connecting) {
+      int err = 0;
+      socklen_t len = sizeof err;
+      ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
+      if (err != 0) {
+        Drop(std::strerror(err));
+        return;
+      }
+      connecting = false;
+    }
+    if (stream.WriteTo(fd) == pbr::mgmt::FramedStream::Io::kError) {
+      Drop("write failed");
+      return;
+    }
+  }
+  if (revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
+    const pbr::mgmt::FramedStream::Io io = stream.ReadFrom(fd);
+    std::string payload;
+    for (;;) {
+      const pbr::mgmt::FramedStream::Frame frame = stream.Next(&payload);
+      if (frame == pbr::mgmt::FramedStream::Frame::kIncomplete) break;
+      pbr::mgmt::ServerMessage message;
+      if (frame == pbr::mgmt::FramedStream::Frame::kOversized ||
+          !message.ParseFromString(payload)) {
+        Drop("malformed message from the server");
+        return;
+      }
+      Handle(message);
+      if (generation != gen) return;  // a handler's exception dropped the connection
+    }
+    if (io != pbr::mgmt::FramedStream::Io::kOk) {
+      Drop(io == pbr::mgmt::FramedStream::Io::kClosed ? "closed by the server" : "read failed");
+      return;
+    }
+  }
+  UpdateEvents();
+}
+
+void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
+  switch (message.body_case()) {
+    case pbr::mgmt::ServerMessage::kAttachReply:
+      HandleAttachReply(*message.mutable_attach_reply());
+      return;
+    case pbr::mgmt::ServerMessage::kCommit:
+      HandleCommit(message.commit());
+      return;
+    case pbr::mgmt::ServerMessage::kGetObjects:
+      HandleGetObjects(message.get_objects());
+      return;
+    case pbr::mgmt::ServerMessage::kResponse:
+      // Only a refusal is answered with a Response: the server will not have this daemon.
+      FW_LOG(this, "management server refused: %s (%s)",
+             message.response().error().message().c_str(),
+             message.response().error().path().c_str());
+      Drop("refused");
+      return;
+    case pbr::mgmt::ServerMessage::BODY_NOT_SET:
+      return;
+  }
+}
+
+void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
+  FW_LOG(this, "attached to the management server");
+  const uint64_t gen = generation;
+  detail::CdbSnapshot snapshot(std::unique_ptr<pbr::mgmt::Node>(reply.release_root()));
+  if (!snapshot.root()) return;
+  connectedReported = true;
+  for (ConfigHandler* h : configHandlers)
+    Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });
+  for (DataHandler* h : dataHandlers) Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });
+  detail::OpenCdbSocket(fd, &snapshot);
+  const int sock = fd;
+  bool ok = true;
+  for (ConfigHandler* h : configHandlers) {
+    ok = Guard("ReadInitialConfig", [&] { h->ReadInitialConfig(sock); }) &&
+         Guard("ApplyInitialConfig", [&] { h->ApplyInitialConfig(); });
+    if (!ok || generation != gen) break;
+  }
+  detail::CloseCdbSocket(sock);
+  if (generation != gen) return;
+  if (!ok) {
+    Drop("a handler failed on the initial configuration");
+    return;
+  }
+  retry = kFirstRetry;
+  Ack(reply.seq());
+}
+
+void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {
+  // The touched handlers in the order of their lowest touched subscription priority, each with
+  // its touched subscriptions.
+  std::vector<std::pair<ConfigHandler*, std::vector<const pbr::mgmt::SubscriptionChanges*>>>
+      touched;
+  std::map<ConfigHandler*, int32_t> lowest;
+  for (const pbr::mgmt::SubscriptionChanges& changes : commit.subscription()) {
+    if (changes.subscription() >= points.size()) continue;
+    const Point& p = points[changes.subscription()];
+    auto it = std::find_if(touched.begin(), touched.end(),
+                           [&](const auto& t) { return t.first == p.handler; });
+    if (it == touched.end()) {
+      touched.push_back({p.handler, {}});
+      it = touched.end() - 1;
+      lowest[p.handler] = p.point->priority;
+    }
+    it->second.push_back(&changes);
+    lowest[p.handler] = std::min(lowest[p.handler], p.point->priority);
+  }
+  std::stable_sort(touched.begin(), touched.end(),
+                   [&](const auto& a, const auto& b) { return lowest[a.first] < lowest[b.first]; });
+
+  const uint64_t gen = generation;
+  for (auto& [handler, subscriptions] : touched) {
+    bool ok = Guard("StartCommit", [&] { handler->StartCommit(); });
+    for (const pbr::mgmt::SubscriptionChanges* changes : subscriptions) {
+      const IterateCallback& callback = points[changes->subscription()].point->callback;
+      const int n = changes->change_size();
+      for (int i = 0; ok && i < n; ++i) {
+        const pbr::mgmt::Change& change = changes->change(i);
+        confd_hkeypath_t kp;
+        confd_value_t oldValue, newValue;
+        if (!detail::BuildKeypath(change.keypath(), &kp) ||
+            (change.has_old_value() && !detail::FromWire(change.old_value(), &oldValue)) ||
+            (change.has_new_value() && !detail::FromWire(change.new_value(), &newValue))) {
+          FW_LOG(this, "change %d of commit %llu does not fit ConfD's types; skipped", i,
+                 static_cast<unsigned long long>(commit.seq()));
+          continue;
+        }
+        confd_iter_ret ret = ITER_RECURSE;
+        ok = Guard("the subscription callback", [&] {
+          ret = callback(&kp, static_cast<confd_iter_op>(change.op()),
+                         change.has_old_value() ? &oldValue : nullptr,
+                         change.has_new_value() ? &newValue : nullptr);
+        });
+        if (ret == ITER_STOP) break;
+        if (ret == ITER_CONTINUE) i += static_cast<int>(change.descendants());
+      }
+    }
+    ok = ok && Guard("ApplyCommitConfig", [&] { handler->ApplyCommitConfig(); });
+    if (generation != gen) return;
+    if (!ok) {
+      Drop("a handler failed on a commit");
+      return;
+    }
+  }
+  Ack(commit.seq());
+}
+
+void AppInterface::Impl::HandleGetObjects(const pbr::mgmt::GetObjects& request) {
+  pbr::mgmt::ClientMessage message;
+  message.set_id(nextRequest++);
+  pbr::mgmt::DataReply* reply = message.mutable_data_reply();
+  reply->set_request(request.request());
+  auto served = callpoints.find(request.callpoint());
+  const uint64_t gen = generation;
+  confd_trans_ctx tctx{nullptr};
+  if (served != callpoints.end()) {
+    Guard("TransactionInit", [&] { served->second.handler->TransactionInit(&tctx); });
+  }
+  google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathElement> elements(request.list_keypath());
+  pbr::mgmt::KeypathElement* keyElement = elements.Add();
+  for (const pbr::mgmt::Value& key : request.key()) {
+    pbr::mgmt::ObjectReply* object = reply->add_object();
+    if (served == callpoints.end()) {
+      object->set_error("callpoint " + request.callpoint() + " is not served");
+      continue;
+    }
+    keyElement->clear_key();
+    *keyElement->add_key() = key;
+    confd_hkeypath_t kp;
+    if (!detail::BuildKeypath(elements, &kp)) {
+      object->set_error("bad key " + key.text());
+      continue;
+    }
+    tctx.reply = object;
+    int result = CONFD_OK;
+    if (!Guard("GetObjectCallback",
+               [&] { result = served->second.callpoint->GetObjectCallback(&tctx, &kp); })) {
+      object->Clear();
+      object->set_error("the callpoint failed");
+    } else if (!object->replied() && result != CONFD_OK) {
+      object->set_error("the callpoint answered " + std::to_string(result));
+    }
+    if (generation != gen) return;
+  }
+  tctx.reply = nullptr;
+  if (served != callpoints.end()) {
+    Guard("TransactionFinish", [&] { served->second.handler->TransactionFinish(&tctx); });
+  }
+  if (generation != gen) return;
+  Send(message);
+}
+
+void AppInterface::Impl::Ack(uint64_t seq) {
+  pbr::mgmt::ClientMessage message;
+  message.set_id(nextRequest++);
+  message.mutable_commit_ack()->set_seq(seq);
+  Send(message);
+}
+
+AppInterface::AppInterface(vqmw_t* mw, zlog_category_t* category, const char* appName,
+                           const std::vector<ConfigHandler*>& configHandlers,
+                           const std::vector<ActionHandler*>& /*actionHandlers*/,
+                           const std::vector<DataHandler*>& dataHandlers, ELEM_CONFD_PHASE_ET phase,
+                           int /*options*/)
+    : impl_(std::make_unique<Impl>()) {
+  impl_->mw = mw;
+  impl_->category = category;
+  impl_->app = appName ? appName : "";
+  impl_->configHandlers = configHandlers;
+  impl_->dataHandlers = dataHandlers;
+  impl_->phase = phase;
+  // Both lists are complete when the handlers are built and never change.
+  for (ConfigHandler* h : configHandlers) {
+    for (const SubscriptionPoint& p : h->GetSubscriptionPoints()) impl_->points.push_back({h, &p});
+  }
+  for (DataHandler* h : dataHandlers) {
+    for (DataHandler::Callpoint* cp : h->GetCallpoints()) {
+      impl_->callpoints[cp->GetCallpointName()] = {h, cp};
+    }
+  }
+  // Connect once the loop runs: nothing here may block or call back into the handlers.
+  impl_->ScheduleConnect(std::chrono::milliseconds(0));
+}
+
+AppInterface::~AppInterface() = default;
+
+}  // namespace vqconfd

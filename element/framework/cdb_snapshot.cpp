@@ -1,0 +1,197 @@
+#include "element/framework/cdb_snapshot.h"
+
+#include <cstdlib>
+
+namespace vqconfd::detail {
+namespace {
+
+using pbr::mgmt::Node;
+
+// Nodes with few children are searched directly; longer child lists get an index.
+constexpr int kIndexFrom = 16;
+
+struct Segment {
+  std::string name;
+  bool positional = false;
+  long position = 0;
+  bool keyed = false;
+  std::vector<std::string> keys;
+};
+
+bool ParseSegments(std::string_view path, std::vector<Segment>* out, std::string* error) {
+  size_t i = 0;
+  if (path.empty() || path[0] != '/') {
+    *error = "a path starts with /";
+    return false;
+  }
+  while (i < path.size()) {
+    ++i;  // the '/'
+    Segment seg;
+    while (i < path.size() && path[i] != '/' && path[i] != '[' && path[i] != '{') {
+      seg.name += path[i++];
+    }
+    if (seg.name.empty()) {
+      *error = "empty node name";
+      return false;
+    }
+    if (i < path.size() && path[i] == '[') {
+      const size_t close = path.find(']', i);
+      if (close == std::string_view::npos) {
+        *error = "unterminated [";
+        return false;
+      }
+      const std::string num(path.substr(i + 1, close - i - 1));
+      char* end = nullptr;
+      seg.position = std::strtol(num.c_str(), &end, 10);
+      if (num.empty() || *end || seg.position < 0) {
+        *error = "bad position [" + num + "]";
+        return false;
+      }
+      seg.positional = true;
+      i = close + 1;
+    } else if (i < path.size() && path[i] == '{') {
+      seg.keyed = true;
+      std::string key;
+      bool quoted = false;
+      for (++i;; ++i) {
+        if (i >= path.size()) {
+          *error = "unterminated {";
+          return false;
+        }
+        const char c = path[i];
+        if (quoted) {
+          if (c == '"') {
+            quoted = false;
+          } else {
+            key += c;
+          }
+        } else if (c == '"') {
+          quoted = true;
+        } else if (c == ' ' || c == '}') {
+          if (!key.empty()) seg.keys.push_back(key);
+          key.clear();
+          if (c == '}') break;
+        } else {
+          key += c;
+        }
+      }
+      ++i;
+    }
+    if (i < path.size() && path[i] != '/') {
+      *error = "unexpected text after " + seg.name;
+      return false;
+    }
+    out->push_back(std::move(seg));
+  }
+  return true;
+}
+
+bool KeysMatch(const Node& entry, const std::vector<std::string>& keys) {
+  if (entry.child_size() < static_cast<int>(keys.size())) return false;
+  for (size_t k = 0; k < keys.size(); ++k) {
+    if (entry.child(static_cast<int>(k)).value().text() != keys[k]) return false;
+  }
+  return true;
+}
+
+std::string KeyText(const std::vector<std::string>& keys) {
+  std::string text;
+  for (const std::string& k : keys) text += k + '\0';
+  return text;
+}
+
+}  // namespace
+
+const CdbSnapshot::Children& CdbSnapshot::IndexOf(const Node* node) const {
+  auto [it, added] = index_.try_emplace(node);
+  if (added) {
+    for (int i = 0; i < node->child_size(); ++i) {
+      Run& run = it->second.runs[node->child(i).name()];
+      if (run.count == 0) run.first = i;
+      ++run.count;
+    }
+  }
+  return it->second;
+}
+
+int CdbSnapshot::FindByKey(const Node* node, const std::string& name,
+                           const std::vector<std::string>& keys) const {
+  if (node->child_size() < kIndexFrom) {
+    for (int i = 0; i < node->child_size(); ++i) {
+      const Node& c = node->child(i);
+      if (c.name() != name) continue;
+      // A leaf-list entry is keyed by its value, a list entry by its first children.
+      if (c.child_size() == 0 ? keys.size() == 1 && c.value().text() == keys[0]
+                              : KeysMatch(c, keys)) {
+        return i;
+      }
+    }
+    return -1;
+  }
+  IndexOf(node);
+  Children& children = index_.at(node);
+  if (!children.keysIndexed) {
+    for (int i = 0; i < node->child_size(); ++i) {
+      const Node& c = node->child(i);
+      std::vector<std::string> own;
+      if (c.child_size() == 0) {
+        own.push_back(c.value().text());
+      } else {
+        // Keys come first among an entry's children; one key covers this module's lists.
+        own.push_back(c.child(0).value().text());
+      }
+      children.byKey.emplace(c.name() + '\0' + KeyText(own), i);
+    }
+    children.keysIndexed = true;
+  }
+  auto it = children.byKey.find(name + '\0' + KeyText(keys));
+  if (it != children.byKey.end()) return it->second;
+  // Several keys: fall back to a scan.
+  if (keys.size() > 1) {
+    for (int i = 0; i < node->child_size(); ++i) {
+      if (node->child(i).name() == name && KeysMatch(node->child(i), keys)) return i;
+    }
+  }
+  return -1;
+}
+
+bool CdbSnapshot::Find(std::string_view path, std::vector<const Node*>* out,
+                       std::string* error) const {
+  out->clear();
+  std::vector<Segment> segments;
+  if (!ParseSegments(path, &segments, error)) return false;
+  const Node* node = root_.get();
+  for (size_t s = 0; s < segments.size(); ++s) {
+    const Segment& seg = segments[s];
+    const bool last = s + 1 == segments.size();
+    Run run;
+    if (node->child_size() < kIndexFrom) {
+      for (int i = 0; i < node->child_size(); ++i) {
+        if (node->child(i).name() != seg.name) continue;
+        if (run.count == 0) run.first = i;
+        ++run.count;
+      }
+    } else {
+      auto it = IndexOf(node).runs.find(seg.name);
+      if (it != IndexOf(node).runs.end()) run = it->second;
+    }
+    if (seg.positional) {
+      if (seg.position >= run.count) return true;
+      node = &node->child(run.first + static_cast<int>(seg.position));
+    } else if (seg.keyed) {
+      const int i = FindByKey(node, seg.name, seg.keys);
+      if (i < 0) return true;
+      node = &node->child(i);
+    } else if (last) {
+      for (int i = 0; i < run.count; ++i) out->push_back(&node->child(run.first + i));
+      return true;
+    } else {
+      if (run.count != 1) return true;
+      node = &node->child(run.first);
+    }
+  }
+  out->push_back(node);
+  return true;
+}
+
+}  // namespace vqconfd::detail

@@ -1,0 +1,47 @@
+// The running configuration as the server sent it at attachment, serving the CDB reads a
+// configuration handler makes in ReadInitialConfig. Paths are ConfD's: /router/pbr[3]/id
+// addresses a list entry by position (from 0, in key order), /router/pbr{7}/id by key.
+// Lookups of long lists index them on first use, so reading every entry by position is linear.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "element/mgmt/mgmt.pb.h"
+
+namespace vqconfd::detail {
+
+class CdbSnapshot {
+ public:
+  explicit CdbSnapshot(std::unique_ptr<pbr::mgmt::Node> root) : root_(std::move(root)) {}
+
+  const pbr::mgmt::Node* root() const { return root_.get(); }
+
+  // The nodes a path names: one for a leaf or container, every entry for a list or leaf-list
+  // path without position or key. Empty when nothing is there; false with *error when the
+  // path is malformed.
+  bool Find(std::string_view path, std::vector<const pbr::mgmt::Node*>* out,
+            std::string* error) const;
+
+ private:
+  struct Run {
+    int first = 0;
+    int count = 0;
+  };
+  struct Children {
+    std::unordered_map<std::string, Run> runs;
+    std::unordered_map<std::string, int> byKey;  // "name{keys}" -> child index, built lazily
+    bool keysIndexed = false;
+  };
+  const Children& IndexOf(const pbr::mgmt::Node* node) const;
+  int FindByKey(const pbr::mgmt::Node* node, const std::string& name,
+                const std::vector<std::string>& keys) const;
+
+  std::unique_ptr<pbr::mgmt::Node> root_;
+  mutable std::unordered_map<const pbr::mgmt::Node*, Children> index_;
+};
+
+}  // namespace vqconfd::detail

@@ -1,0 +1,215 @@
+#include "element/framework/values.h"
+
+#include <arpa/inet.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "element/yang/tags.h"
+
+namespace vqconfd::detail {
+namespace {
+
+thread_local std::string lastError;
+
+bool ParseU64(const std::string& text, uint64_t max, uint64_t* out) {
+  if (text.empty() || text[0] == '-') return false;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long v = std::strtoull(text.c_str(), &end, 10);
+  if (errno || *end || v > max) return false;
+  *out = v;
+  return true;
+}
+
+bool ParseI64(const std::string& text, int64_t min, int64_t max, int64_t* out) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  const long long v = std::strtoll(text.c_str(), &end, 10);
+  if (errno || *end || v < min || v > max) return false;
+  *out = v;
+  return true;
+}
+
+// The text of a key or value as ConfD prints it in a keypath.
+std::string Text(const confd_value_t& v) {
+  char buf[64];
+  switch (v.type) {
+    case C_BUF:
+      return std::string(reinterpret_cast<const char*>(v.val.buf.ptr), v.val.buf.size);
+    case C_STR:
+      return v.val.s ? v.val.s : "";
+    case C_UINT32:
+    case C_UINT8:
+    case C_UINT16:
+      std::snprintf(buf, sizeof buf, "%" PRIu32, v.val.u32);
+      return buf;
+    case C_INT8:
+    case C_INT16:
+    case C_INT32:
+      std::snprintf(buf, sizeof buf, "%" PRId32, static_cast<int32_t>(v.val.u32));
+      return buf;
+    case C_ENUM_VALUE:
+      std::snprintf(buf, sizeof buf, "%" PRId32, v.val.enumvalue);
+      return buf;
+    case C_BOOL:
+      return v.val.u32 ? "true" : "false";
+    case C_IPV4:
+      inet_ntop(AF_INET, &v.val.ip, buf, sizeof buf);
+      return buf;
+    case C_IPV4_AND_PLEN: {
+      char addr[INET_ADDRSTRLEN];
+      inet_ntop(AF_INET, &v.val.ipv4prefix.ip, addr, sizeof addr);
+      std::snprintf(buf, sizeof buf, "%s/%u", addr, v.val.ipv4prefix.len);
+      return buf;
+    }
+    case C_XMLTAG: {
+      const std::string_view name = pbr::yang::NameOfTag(v.val.xmltag.tag);
+      if (!name.empty()) return std::string(name);
+      std::snprintf(buf, sizeof buf, "%" PRIu32, v.val.xmltag.tag);
+      return buf;
+    }
+    default:
+      return "";
+  }
+}
+
+}  // namespace
+
+bool FromWire(const pbr::mgmt::Value& in, confd_value_t* out, bool copy) {
+  std::memset(out, 0, sizeof *out);
+  const std::string& text = in.text();
+  out->type = static_cast<confd_vtype>(in.type());
+  uint64_t u = 0;
+  int64_t i = 0;
+  switch (out->type) {
+    case C_BUF:
+      out->val.buf.size = static_cast<unsigned int>(text.size());
+      if (copy) {
+        out->val.buf.ptr = static_cast<unsigned char*>(std::malloc(text.size() + 1));
+        std::memcpy(out->val.buf.ptr, text.c_str(), text.size() + 1);
+      } else {
+        out->val.buf.ptr = reinterpret_cast<unsigned char*>(const_cast<char*>(text.c_str()));
+      }
+      return true;
+    case C_UINT8:
+    case C_UINT16:
+    case C_UINT32: {
+      const uint64_t max = out->type == C_UINT8    ? 0xff
+                           : out->type == C_UINT16 ? 0xffff
+                                                   : 0xffffffff;
+      if (!ParseU64(text, max, &u)) return false;
+      out->val.u32 = static_cast<uint32_t>(u);
+      return true;
+    }
+    case C_INT8:
+    case C_INT16:
+    case C_INT32:
+      if (!ParseI64(text, INT32_MIN, INT32_MAX, &i)) return false;
+      out->val.u32 = static_cast<uint32_t>(static_cast<int32_t>(i));
+      return true;
+    case C_ENUM_VALUE:
+      if (!ParseI64(text, INT32_MIN, INT32_MAX, &i)) return false;
+      out->val.enumvalue = static_cast<int32_t>(i);
+      return true;
+    case C_BOOL:
+      out->val.u32 = text == "true";
+      return text == "true" || text == "false";
+    case C_IPV4:
+      return inet_pton(AF_INET, text.c_str(), &out->val.ip) == 1;
+    case C_IPV4_AND_PLEN: {
+      const size_t slash = text.find('/');
+      if (slash == std::string::npos) return false;
+      if (inet_pton(AF_INET, text.substr(0, slash).c_str(), &out->val.ipv4prefix.ip) != 1) {
+        return false;
+      }
+      if (!ParseU64(text.substr(slash + 1), 32, &u)) return false;
+      out->val.ipv4prefix.len = static_cast<uint8_t>(u);
+      return true;
+    }
+    case C_NOEXISTS:
+      return true;
+    default:
+      // Types the PBR module does not use (64-bit numbers among them) do not fit this value.
+      return false;
+  }
+}
+
+void ToWire(const confd_value_t& in, pbr::mgmt::Value* out) {
+  out->set_type(in.type);
+  out->set_text(Text(in));
+}
+
+bool BuildKeypath(const google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathElement>& elements,
+                  confd_hkeypath_t* out) {
+  const int len = elements.size();
+  if (len > MAXDEPTH) return false;
+  out->len = len;
+  for (int i = 0; i < len; ++i) {
+    const pbr::mgmt::KeypathElement& e = elements[len - 1 - i];
+    confd_value_t* v = out->v[i];
+    if (e.key_size() == 0) {
+      CONFD_SET_XMLTAG(&v[0], e.tag(), e.ns());
+      v[1].type = static_cast<confd_vtype>(0);
+      continue;
+    }
+    if (e.key_size() >= MAXKEYLEN) return false;
+    for (int k = 0; k < e.key_size(); ++k) {
+      if (!FromWire(e.key(k), &v[k])) return false;
+    }
+    v[e.key_size()].type = static_cast<confd_vtype>(0);  // ends the key list
+  }
+  return true;
+}
+
+void SetLastError(std::string text) {
+  lastError = std::move(text);
+}
+
+}  // namespace vqconfd::detail
+
+using vqconfd::detail::lastError;
+
+extern "C" {
+
+void confd_free_value(confd_value_t* v) {
+  if (v && v->type == C_BUF) {
+    std::free(v->val.buf.ptr);
+    v->val.buf.ptr = nullptr;
+    v->val.buf.size = 0;
+  }
+}
+
+const char* confd_lasterr(void) {
+  return lastError.c_str();
+}
+
+int confd_pp_kpath(char* buf, int bufsiz, const confd_hkeypath_t* hkeypath) {
+  std::string text;
+  for (int i = hkeypath->len - 1; i >= 0; --i) {
+    const confd_value_t* v = hkeypath->v[i];
+    if (v[0].type == C_XMLTAG) {
+      text += "/" + vqconfd::detail::Text(v[0]);
+      continue;
+    }
+    text += "{";
+    for (int k = 0; k < MAXKEYLEN && v[k].type != 0 && v[k].type != C_NOEXISTS; ++k) {
+      std::string key = vqconfd::detail::Text(v[k]);
+      if (key.empty() || key.find_first_of(" {}\"") != std::string::npos) key = "\"" + key + "\"";
+      text += (k ? " " : "") + key;
+    }
+    text += "}";
+  }
+  if (bufsiz > 0) {
+    const size_t n = std::min(text.size(), static_cast<size_t>(bufsiz - 1));
+    std::memcpy(buf, text.data(), n);
+    buf[n] = '\0';
+  }
+  return static_cast<int>(text.size());
+}
+
+}  // extern "C"

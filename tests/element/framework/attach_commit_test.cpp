@@ -1,0 +1,255 @@
+// pbr-mgmtd as its own process and a daemon's handlers behind the real framework: attachment
+// with the initial load, commits as change callbacks, refusals, operational requests, and
+// re-attachment across server restarts.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <fstream>
+
+#include "platform/vqconfd.h"
+#include "tests/element/framework/mgmt_harness.h"
+#include "tests/element/middleware/element_env.h"
+
+namespace pbrtest {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class AttachCommitTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mw_ = vqmw_init("framework-test");
+    ASSERT_NE(mw_, nullptr);
+    waiter_ = std::make_unique<LoopWaiter>(mw_);
+    config_ = std::make_unique<RecordingConfigHandler>(waiter_.get());
+    data_ = std::make_unique<RecordingDataHandler>();
+  }
+  void TearDown() override {
+    app_.reset();
+    op_.reset();
+    vqmw_finish(&mw_);
+  }
+
+  void StoreRunning(const std::string& json) {
+    std::filesystem::create_directories(env_.StateDir());
+    std::ofstream(env_.StateDir() + "/running.json") << json;
+  }
+
+  // Starts the server and the daemon's framework, and waits for the first attachment.
+  void StartAll() {
+    ASSERT_TRUE(server_.Start()) << server_.output();
+    app_ = std::make_unique<vqconfd::AppInterface>(
+        mw_, vqmw_trace_register_category("framework-test"), "pbr-app",
+        std::vector<vqconfd::ConfigHandler*>{config_.get()}, std::vector<vqconfd::ActionHandler*>{},
+        std::vector<vqconfd::DataHandler*>{data_.get()}, vqconfd::ELEM_CONFD_PHASE_2, 0);
+    ASSERT_TRUE(waiter_->Until([&] { return config_->attachments == 1; }));
+    op_ = std::make_unique<Operator>(mw_, waiter_.get());
+    ASSERT_TRUE(op_->connected());
+  }
+
+  void ExpectOk(const pbr::mgmt::Response& r) {
+    EXPECT_TRUE(r.ok()) << r.error().message() << " at " << r.error().path();
+  }
+
+  ElementEnv env_;
+  vqmw_t* mw_ = nullptr;
+  std::unique_ptr<LoopWaiter> waiter_;
+  std::unique_ptr<RecordingConfigHandler> config_;
+  std::unique_ptr<RecordingDataHandler> data_;
+  MgmtServer server_;
+  std::unique_ptr<vqconfd::AppInterface> app_;
+  std::unique_ptr<Operator> op_;
+};
+
+constexpr const char* kTwoRules = R"({"pbr:router":{"pbr":[
+  {"id":20,"rule":{"priority":2,"match":{"interface":["eth2","eth1"],
+     "destination":{"ipv4-address":{"no-mask":{"ip":"192.0.2.1"}}}}}},
+  {"id":10,"rule":{"priority":1,"description":"ten",
+     "match":{"source":{"ipv4-address":{"mask":{"ip":"10.1.2.3/16"}}}},
+     "action":{"next-hop":{"ip":"10.0.0.1"}}}}]}})";
+
+TEST_F(AttachCommitTest, AttachmentLoadsTheStoredConfigurationByPositionInKeyOrder) {
+  StoreRunning(kTwoRules);
+  StartAll();
+  EXPECT_THAT(config_->events,
+              ElementsAre("ConfdConnected 2", "ReadInitialConfig", "ApplyInitialConfig"));
+  EXPECT_THAT(config_->rules, ElementsAre("id=10 prio=1 desc=ten source=10.1.2.3/16 nh=10.0.0.1",
+                                          "id=20 prio=2 if=eth2,eth1 destination=192.0.2.1"));
+}
+
+TEST_F(AttachCommitTest, CommitsArriveAsChangeCallbacksBetweenStartAndApply) {
+  StartAll();
+  ExpectOk(op_->Merge(R"({"pbr:router":{"pbr":[{"id":7,"rule":{"priority":10,
+      "match":{"interface":["eth1"],"destination":{"ipv4-address":{"no-mask":{"ip":"192.0.2.1"}}}},
+      "action":{"next-hop":{"ip":"10.0.0.1"}}}}]}})"));
+  // The commit is answered once the subscriber has applied it.
+  EXPECT_EQ(config_->commits, 1);
+  EXPECT_THAT(config_->LastCommit(),
+              ElementsAre("MOP_CREATED /router/pbr{7}", "MOP_VALUE_SET /router/pbr{7}/id 7",
+                          "MOP_VALUE_SET /router/pbr{7}/rule/priority 10",
+                          "MOP_CREATED /router/pbr{7}/rule/match/interface{eth1}",
+                          "MOP_VALUE_SET "
+                          "/router/pbr{7}/rule/match/destination/ipv4-address/no-mask/ip "
+                          "192.0.2.1",
+                          "MOP_VALUE_SET /router/pbr{7}/rule/action/next-hop/ip 10.0.0.1"));
+
+  ExpectOk(op_->Edit("/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip", "10.1.0.0/16"));
+  EXPECT_THAT(
+      config_->LastCommit(),
+      ElementsAre("MOP_MODIFIED /router/pbr{7}",
+                  "MOP_DELETED /router/pbr{7}/rule/match/destination/ipv4-address/no-mask/ip",
+                  "MOP_VALUE_SET "
+                  "/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip "
+                  "10.1.0.0/16"));
+
+  ExpectOk(op_->Delete("/router/pbr{7}/rule/action/next-hop/ip"));
+  EXPECT_THAT(config_->LastCommit(),
+              ElementsAre("MOP_MODIFIED /router/pbr{7}",
+                          "MOP_DELETED /router/pbr{7}/rule/action/next-hop/ip"));
+
+  ExpectOk(op_->Delete("/router/pbr{7}"));
+  EXPECT_THAT(config_->LastCommit(), ElementsAre("MOP_DELETED /router/pbr{7}"));
+  EXPECT_EQ(config_->commits, 4);
+}
+
+TEST_F(AttachCommitTest, IterContinueSkipsTheNodesBelowAndTheCommitGoesOn) {
+  StartAll();
+  config_->steer = [](const std::string& kp) {
+    return kp == "/router/pbr{1}" ? ITER_CONTINUE : ITER_RECURSE;
+  };
+  ExpectOk(op_->Merge(R"({"pbr:router":{"pbr":[{"id":1,"rule":{"priority":1}},
+                                                {"id":2,"rule":{"priority":2}}]}})"));
+  EXPECT_THAT(config_->LastCommit(),
+              ElementsAre("MOP_CREATED /router/pbr{1}", "MOP_CREATED /router/pbr{2}",
+                          "MOP_VALUE_SET /router/pbr{2}/id 2",
+                          "MOP_VALUE_SET /router/pbr{2}/rule/priority 2"));
+}
+
+TEST_F(AttachCommitTest, InvalidCommitsAreRefusedWithAClearMessageAndChangeNothing) {
+  StoreRunning(kTwoRules);
+  StartAll();
+  const std::string before = op_->Running();
+  const std::string stored = ElementEnv::Read(env_.StateDir() + "/running.json");
+  const size_t eventsBefore = config_->events.size();
+  struct Case {
+    std::string json;
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {R"({"pbr:router":{"pbr":[{"id":5,"rule":{"description":"no priority"}}]}})",
+       "Mandatory node \"priority\" instance does not exist."},
+      {R"({"pbr:router":{"pbr":[{"id":10,"rule":{"description":")" + std::string(33, 'x') +
+           R"("}}]}})",
+       "Unsatisfied length"},
+      {R"({"pbr:router":{"pbr":[{"id":10,"rule":{"match":{"source":{"ipv4-address":{"mask":{"ip":"10.1.2.3/33"}}}}}}]}})",
+       "prefix length 0..32"},
+      {R"({"pbr:router":{"pbr":[{"id":10,"rule":{"action":{"next-hop":{"ip":"10.0.0"}}}}]}})",
+       "10.0.0"},
+      {R"({"pbr:router":{"pbr":[{"id":11,"rule":{"priority":1,"match":{"source":{"ipv4-address":{
+          "mask":{"ip":"10.0.0.0/8"},"no-mask":{"ip":"10.0.0.1"}}}}}}]}})",
+       "Data for both cases \"mask\" and \"no-mask\" exist."},
+      {R"({"pbr:router":{"pbr":[{"id":70000,"rule":{"priority":1}}]}})",
+       "Unsatisfied range - value \"70000\" is out of the allowed range."},
+      {R"({"pbr:router":{"pbr":[{"id":12,"rule":{"priority":1})", "JSON"},
+  };
+  for (const Case& c : cases) {
+    const pbr::mgmt::Response r = op_->Merge(c.json);
+    EXPECT_FALSE(r.ok()) << c.json;
+    EXPECT_THAT(r.error().message(), HasSubstr(c.message)) << c.json;
+  }
+  const pbr::mgmt::Response r = op_->Edit("/router/pbr{10}/rule/description", std::string(33, 'x'));
+  EXPECT_FALSE(r.ok());
+  EXPECT_THAT(r.error().path(), HasSubstr("description"));
+
+  EXPECT_EQ(op_->Running(), before);
+  EXPECT_EQ(ElementEnv::Read(env_.StateDir() + "/running.json"), stored);
+  EXPECT_EQ(config_->events.size(), eventsBefore);
+}
+
+TEST_F(AttachCommitTest, TheSubscriberReattachesWhenTheServerReturns) {
+  StartAll();
+  ExpectOk(op_->Merge(R"({"pbr:router":{"pbr":[{"id":3,"rule":{"priority":30}}]}})"));
+  op_.reset();
+  EXPECT_EQ(server_.Stop(), 0);
+  ASSERT_TRUE(waiter_->Until([&] { return config_->events.back() == "ConfdDisconnected"; }));
+
+  ASSERT_TRUE(server_.Start()) << server_.output();
+  ASSERT_TRUE(waiter_->Until([&] { return config_->attachments == 2; }));
+  EXPECT_THAT(config_->rules, ElementsAre("id=3 prio=30"));
+  EXPECT_THAT(std::vector<std::string>(config_->events.end() - 4, config_->events.end()),
+              ElementsAre("ConfdDisconnected", "ConfdConnected 2", "ReadInitialConfig",
+                          "ApplyInitialConfig"));
+
+  // A server killed outright comes back with the last committed configuration as well.
+  op_ = std::make_unique<Operator>(mw_, waiter_.get());
+  ExpectOk(op_->Edit("/router/pbr{3}/rule/priority", "31"));
+  op_.reset();
+  server_.Stop(SIGKILL);
+  ASSERT_TRUE(server_.Start()) << server_.output();
+  ASSERT_TRUE(waiter_->Until([&] { return config_->attachments == 3; }));
+  EXPECT_THAT(config_->rules, ElementsAre("id=3 prio=31"));
+}
+
+TEST_F(AttachCommitTest, AHandlerExceptionDuringACommitReattachesWithTheWholeConfiguration) {
+  StartAll();
+  config_->throwOnApply = true;
+  op_->Merge(R"({"pbr:router":{"pbr":[{"id":4,"rule":{"priority":4}}]}})");
+  ASSERT_TRUE(waiter_->Until([&] { return config_->attachments == 2; }));
+  EXPECT_THAT(config_->rules, ElementsAre("id=4 prio=4"));
+  EXPECT_THAT(env_.Faults(), HasSubstr("rule table full"));
+}
+
+TEST_F(AttachCommitTest, TheOperationalViewAsksTheCallpointForEachConfiguredRuleInOrder) {
+  StoreRunning(kTwoRules);
+  StartAll();
+  data_->status = {{10, 1}, {20, 2}};
+  const pbr::mgmt::Response all = op_->Operational();
+  ExpectOk(all);
+  EXPECT_THAT(data_->requested, ElementsAre(10, 20));
+  EXPECT_THAT(all.data(), HasSubstr("\"source-ip\": \"10.0.0.10/24\""));
+  EXPECT_THAT(all.data(), HasSubstr("\"hw-status\": \"programmed\""));
+  EXPECT_THAT(all.data(), HasSubstr("\"hw-status\": \"failed\""));
+
+  const pbr::mgmt::Response one = op_->Operational(20);
+  ExpectOk(one);
+  EXPECT_THAT(one.data(), HasSubstr("\"id\": 20"));
+  EXPECT_THAT(one.data(), Not(HasSubstr("\"id\": 10")));
+  EXPECT_FALSE(op_->Operational(99).ok());
+}
+
+TEST_F(AttachCommitTest, ACallpointExceptionLeavesOutOnlyThatEntry) {
+  StoreRunning(R"({"pbr:router":{"pbr":[{"id":6,"rule":{"priority":1}},
+                                          {"id":7,"rule":{"priority":1}}]}})");
+  StartAll();
+  data_->throwFor7 = true;
+  const pbr::mgmt::Response r = op_->Operational();
+  EXPECT_THAT(r.error().message(), HasSubstr("7: the callpoint failed"));
+  EXPECT_THAT(r.data(), HasSubstr("\"id\": 6"));
+  EXPECT_THAT(r.data(), Not(HasSubstr("\"id\": 7")));
+  // The daemon is still attached and serving.
+  data_->throwFor7 = false;
+  ExpectOk(op_->Operational());
+}
+
+TEST_F(AttachCommitTest, MalformedAndOversizedMessagesHarmOnlyTheirOwnSession) {
+  StartAll();
+  Operator bad(mw_, waiter_.get());
+  bad.SendRaw(std::string("\0\0\0\3xyz", 7));
+  pbr::mgmt::Response r;
+  ASSERT_TRUE(bad.NextResponse(&r));
+  EXPECT_THAT(r.error().message(), HasSubstr("malformed"));
+
+  bad.SendRaw(std::string("\x7f\xff\xff\xff", 4));
+  ASSERT_TRUE(bad.NextResponse(&r));
+  EXPECT_THAT(r.error().message(), HasSubstr("too large"));
+  EXPECT_TRUE(waiter_->Until([&] { return bad.closed(); }));
+
+  ExpectOk(op_->Merge(R"({"pbr:router":{"pbr":[{"id":8,"rule":{"priority":8}}]}})"));
+  EXPECT_EQ(config_->commits, 1);
+}
+
+}  // namespace
+}  // namespace pbrtest

@@ -1,0 +1,230 @@
+// The datastore's commits: what a candidate's diff reports, in which order, and that a refused
+// candidate changes nothing.
+#include "element/mgmt/datastore.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "common/pbr_schema.h"
+#include "element/mgmt/schema_info.h"
+#include "element/yang/module.h"
+#include "element/yang/tags.h"
+
+namespace pbr::mgmt {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class DatastoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ctx_ = pbr::yang::LoadContext(&error);
+    ASSERT_TRUE(ctx_) << error;
+    ly_log_options(LY_LOSTORE_LAST);
+    ASSERT_TRUE(info_.Annotate(ctx_.get(), pbr::pbr__ns, &error)) << error;
+    store_ = std::make_unique<Datastore>(ctx_.get());
+  }
+
+  static Load Merge(const std::string& json) {
+    Load load;
+    load.set_mode(Load::MERGE);
+    load.set_data(json);
+    return load;
+  }
+
+  static Edit Set(std::vector<std::pair<std::string, std::string>> leaves) {
+    Edit edit;
+    for (auto& [path, value] : leaves) {
+      EditOperation* op = edit.add_operation();
+      op->set_path(path);
+      op->set_value(value);
+    }
+    return edit;
+  }
+
+  static Edit Delete(const std::string& path) {
+    Edit edit;
+    EditOperation* op = edit.add_operation();
+    op->set_kind(EditOperation::DELETE);
+    op->set_path(path);
+    return edit;
+  }
+
+  // Commits and returns the changes as "OP /keypath [= old -> new]" lines.
+  template <typename Request>
+  std::vector<std::string> Commit(const Request& request) {
+    CommitError error;
+    auto candidate = store_->Prepare(request, &error);
+    EXPECT_TRUE(candidate) << error.message << " at " << error.path;
+    if (!candidate) return {};
+    Changes changes;
+    store_->Diff(*candidate, &changes);
+    store_->Apply(std::move(candidate));
+    std::vector<std::string> lines;
+    for (const Change& c : changes) lines.push_back(Text(c));
+    return lines;
+  }
+
+  template <typename Request>
+  CommitError Refuse(const Request& request) {
+    CommitError error;
+    EXPECT_FALSE(store_->Prepare(request, &error));
+    return error;
+  }
+
+  static std::string Text(const Change& c) {
+    static const char* kOps[] = {"?", "CREATED", "DELETED", "MODIFIED", "VALUE_SET"};
+    std::string line = kOps[c.op()];
+    line += " ";
+    for (const KeypathElement& e : c.keypath()) {
+      if (e.key_size() == 0) {
+        line += "/" + std::string(pbr::yang::NameOfTag(e.tag()));
+      } else {
+        line += "{" + e.key(0).text() + "}";
+      }
+    }
+    if (c.has_old_value() || c.has_new_value()) {
+      line += " = " + (c.has_old_value() ? c.old_value().text() : "-") + " -> " +
+              (c.has_new_value() ? c.new_value().text() : "-");
+    }
+    if (c.descendants()) line += " +" + std::to_string(c.descendants());
+    return line;
+  }
+
+  pbr::yang::Context ctx_;
+  SchemaInfo info_;
+  std::unique_ptr<Datastore> store_;
+};
+
+constexpr const char* kRule7 = R"({"pbr:router":{"pbr":[{"id":7,"rule":{
+  "priority":10,"description":"seven",
+  "match":{"interface":["eth1","eth2"],
+           "source":{"ipv4-address":{"mask":{"ip":"10.1.2.3/16"}}},
+           "destination":{"ipv4-address":{"no-mask":{"ip":"192.0.2.1"}}}},
+  "action":{"next-hop":{"ip":"10.0.0.1"}}}}]}})";
+
+TEST_F(DatastoreTest, NewRuleIsReportedAsItsEntryThenEveryLeafInSchemaOrder) {
+  EXPECT_THAT(
+      Commit(Merge(kRule7)),
+      ElementsAre("CREATED /router/pbr{7} +8", "VALUE_SET /router/pbr{7}/id = - -> 7",
+                  "VALUE_SET /router/pbr{7}/rule/priority = - -> 10",
+                  "VALUE_SET /router/pbr{7}/rule/description = - -> seven",
+                  "CREATED /router/pbr{7}/rule/match/interface{eth1}",
+                  "CREATED /router/pbr{7}/rule/match/interface{eth2}",
+                  "VALUE_SET /router/pbr{7}/rule/match/source/ipv4-address/mask/ip = - -> "
+                  "10.1.2.3/16",
+                  "VALUE_SET /router/pbr{7}/rule/match/destination/ipv4-address/no-mask/ip = - "
+                  "-> 192.0.2.1",
+                  "VALUE_SET /router/pbr{7}/rule/action/next-hop/ip = - -> 10.0.0.1"));
+}
+
+TEST_F(DatastoreTest, ChangedLeavesComeUnderTheirModifiedEntryWithOldAndNewValues) {
+  Commit(Merge(kRule7));
+  EXPECT_THAT(Commit(Set({{"/router/pbr{7}/rule/priority", "20"}})),
+              ElementsAre("MODIFIED /router/pbr{7} +1",
+                          "VALUE_SET /router/pbr{7}/rule/priority = 10 -> 20"));
+  EXPECT_THAT(Commit(Delete("/router/pbr{7}/rule/description")),
+              ElementsAre("MODIFIED /router/pbr{7} +1",
+                          "DELETED /router/pbr{7}/rule/description = seven -> -"));
+  EXPECT_THAT(Commit(Delete("/router/pbr{7}/rule/match/interface{eth1}")),
+              ElementsAre("MODIFIED /router/pbr{7} +1",
+                          "DELETED /router/pbr{7}/rule/match/interface{eth1}"));
+  // Setting what is already there changes nothing.
+  EXPECT_THAT(Commit(Set({{"/router/pbr{7}/rule/priority", "20"}})), IsEmpty());
+}
+
+TEST_F(DatastoreTest, ChoiceCaseSwitchReportsTheOldCaseRemovedFirst) {
+  Commit(Merge(kRule7));
+  const std::string base = "/router/pbr{7}/rule/match/destination/ipv4-address";
+  EXPECT_THAT(
+      Commit(Set({{base + "/mask/ip", "198.51.100.7/24"}})),
+      ElementsAre("MODIFIED /router/pbr{7} +2", "DELETED " + base + "/no-mask/ip = 192.0.2.1 -> -",
+                  "VALUE_SET " + base + "/mask/ip = - -> 198.51.100.7/24"));
+  EXPECT_THAT(Commit(Set({{base + "/no-mask/ip", "192.0.2.9"}})),
+              ElementsAre("MODIFIED /router/pbr{7} +2",
+                          "DELETED " + base + "/mask/ip = 198.51.100.7/24 -> -",
+                          "VALUE_SET " + base + "/no-mask/ip = - -> 192.0.2.9"));
+}
+
+TEST_F(DatastoreTest, EntriesComeInAscendingKeyOrderAndDeletionsAlone) {
+  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":300,"rule":{"priority":1}},
+                                         {"id":5,"rule":{"priority":1}}]}})"));
+  const std::vector<std::string> changes =
+      Commit(Merge(R"({"pbr:router":{"pbr":[{"id":40,"rule":{"priority":2}},
+                                            {"id":300,"rule":{"priority":2}},
+                                            {"id":5,"rule":{"priority":2}}]}})"));
+  ASSERT_EQ(changes.size(), 7u);
+  EXPECT_EQ(changes[0], "MODIFIED /router/pbr{5} +1");
+  EXPECT_EQ(changes[2], "CREATED /router/pbr{40} +2");
+  EXPECT_EQ(changes[5], "MODIFIED /router/pbr{300} +1");
+  EXPECT_THAT(Commit(Delete("/router/pbr{40}")), ElementsAre("DELETED /router/pbr{40}"));
+}
+
+TEST_F(DatastoreTest, ReplaceDiffsTheWholeConfiguration) {
+  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":1,"rule":{"priority":1}},
+                                         {"id":2,"rule":{"priority":1}}]}})"));
+  Load load;
+  load.set_mode(Load::REPLACE);
+  load.set_data(R"({"pbr:router":{"pbr":[{"id":2,"rule":{"priority":1}},
+                                          {"id":3,"rule":{"priority":1}}]}})");
+  EXPECT_THAT(Commit(load), ElementsAre("DELETED /router/pbr{1}", "CREATED /router/pbr{3} +2",
+                                        "VALUE_SET /router/pbr{3}/id = - -> 3",
+                                        "VALUE_SET /router/pbr{3}/rule/priority = - -> 1"));
+}
+
+TEST_F(DatastoreTest, InvalidCandidatesAreRefusedWithLibyangsMessageAndChangeNothing) {
+  Commit(Merge(kRule7));
+  const std::string before = store_->RunningJson();
+  struct Case {
+    std::string json;
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {R"({"pbr:router":{"pbr":[{"id":8,"rule":{"description":"x"}}]}})",
+       "Mandatory node \"priority\" instance does not exist."},
+      {R"({"pbr:router":{"pbr":[{"id":7,"rule":{"description":")" + std::string(33, 'd') +
+           R"("}}]}})",
+       "Unsatisfied length"},
+      {R"({"pbr:router":{"pbr":[{"id":7,"rule":{"match":{"source":{"ipv4-address":{"mask":{"ip":"10.0.0.0/33"}}}}}}]}})",
+       "prefix length 0..32"},
+      {R"({"pbr:router":{"pbr":[{"id":7,"rule":{"action":{"next-hop":{"ip":"10.0.0.256"}}}}]}})",
+       "10.0.0.256"},
+      {R"({"pbr:router":{"pbr":[{"id":9,"rule":{"priority":1,"match":{"source":{"ipv4-address":{
+          "mask":{"ip":"10.0.0.0/8"},"no-mask":{"ip":"10.0.0.1"}}}}}}]}})",
+       "Data for both cases"},
+      {R"({"pbr:router":{"pbr":[{"id":70000,"rule":{"priority":1}}]}})", "Unsatisfied range"},
+      {R"({"pbr:router":{"pbr":[{"id":9,)", "JSON"},
+  };
+  for (const Case& c : cases) {
+    const CommitError error = Refuse(Merge(c.json));
+    EXPECT_THAT(error.message, HasSubstr(c.message)) << c.json;
+    EXPECT_EQ(store_->RunningJson(), before) << c.json;
+  }
+  EXPECT_THAT(Refuse(Set({{"/router/pbr{7}/rule/description", std::string(33, 'd')}})).path,
+              HasSubstr("description"));
+  EXPECT_THAT(Refuse(Delete("/router/pbr{7}/rule/priority")).message, HasSubstr("priority"));
+  EXPECT_THAT(Refuse(Set({{"/router/pbr{7}/rule/colour", "red"}})).message, HasSubstr("colour"));
+  EXPECT_EQ(store_->RunningJson(), before);
+}
+
+TEST_F(DatastoreTest, SnapshotListsEntriesInKeyOrderWithTheirLeaves) {
+  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":20,"rule":{"priority":2}},
+                                         {"id":3,"rule":{"priority":1}}]}})"));
+  Node root;
+  store_->Snapshot(&root);
+  ASSERT_EQ(root.child_size(), 1);
+  const Node& router = root.child(0);
+  ASSERT_EQ(router.child_size(), 2);
+  EXPECT_EQ(router.child(0).child(0).value().text(), "3");
+  EXPECT_EQ(router.child(1).child(0).value().text(), "20");
+  EXPECT_EQ(router.child(1).child(0).value().type(), static_cast<uint32_t>(C_UINT32));
+}
+
+}  // namespace
+}  // namespace pbr::mgmt

@@ -1,0 +1,65 @@
+// Frames across partial reads, and refusal of oversized frames.
+#include "element/mgmt/framing.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "element/mgmt/mgmt.pb.h"
+
+namespace pbr::mgmt {
+namespace {
+
+class FramingTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds_), 0); }
+  void TearDown() override {
+    close(fds_[0]);
+    close(fds_[1]);
+  }
+  int fds_[2];
+};
+
+TEST_F(FramingTest, MessagesArriveWholeWhateverTheReadBoundaries) {
+  FramedStream out, in;
+  ClientMessage a, b;
+  a.set_id(1);
+  a.mutable_load()->set_data(std::string(300000, 'x'));  // more than one read
+  b.set_id(2);
+  out.Queue(a);
+  out.Queue(b);
+  std::string payload;
+  std::vector<uint64_t> ids;
+  while (ids.size() < 2) {
+    ASSERT_EQ(out.WriteTo(fds_[0]), FramedStream::Io::kOk);
+    ASSERT_EQ(in.ReadFrom(fds_[1]), FramedStream::Io::kOk);
+    while (in.Next(&payload) == FramedStream::Frame::kComplete) {
+      ClientMessage m;
+      ASSERT_TRUE(m.ParseFromString(payload));
+      ids.push_back(m.id());
+      if (m.id() == 1) {
+        EXPECT_EQ(m.load().data().size(), 300000u);
+      }
+    }
+  }
+  EXPECT_EQ(ids, (std::vector<uint64_t>{1, 2}));
+}
+
+TEST_F(FramingTest, AnOversizedLengthIsRefusedBeforeAnyPayloadIsRead) {
+  FramedStream in(1024);
+  const unsigned char header[] = {0, 0, 4, 1};  // 1025 bytes announced
+  ASSERT_EQ(write(fds_[0], header, sizeof header), 4);
+  ASSERT_EQ(in.ReadFrom(fds_[1]), FramedStream::Io::kOk);
+  std::string payload;
+  EXPECT_EQ(in.Next(&payload), FramedStream::Frame::kOversized);
+}
+
+TEST_F(FramingTest, APeerThatClosesIsSeen) {
+  FramedStream in;
+  close(fds_[0]);
+  fds_[0] = socket(AF_UNIX, SOCK_STREAM, 0);
+  EXPECT_EQ(in.ReadFrom(fds_[1]), FramedStream::Io::kClosed);
+}
+
+}  // namespace
+}  // namespace pbr::mgmt
