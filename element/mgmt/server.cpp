@@ -97,6 +97,7 @@ struct Server::Impl {
   SchemaInfo schemaInfo;
   std::unique_ptr<Datastore> store;
   std::unique_ptr<RunningStore> persisted;
+  sd_event_source* compaction = nullptr;
   std::vector<ResolvedBinding> bindings;
   int lockFd = -1;
   int listenFd = -1;
@@ -115,6 +116,7 @@ struct Server::Impl {
       sd_event_source_unref(session->io);
       ::close(session->fd);
     }
+    sd_event_source_unref(compaction);
     sd_event_source_unref(listenSource);
     if (listenFd >= 0) ::close(listenFd);
     if (lockFd >= 0) ::close(lockFd);
@@ -126,6 +128,7 @@ struct Server::Impl {
   static int OnAccept(sd_event_source*, int fd, uint32_t, void* userdata);
   static int OnSessionIo(sd_event_source*, int fd, uint32_t revents, void* userdata);
   static int OnAckTimeout(sd_event_source*, uint64_t, void* userdata);
+  static int OnCompact(sd_event_source*, void* userdata);
 
   void Accept();
   void HandleIo(Session& session, uint32_t revents);
@@ -471,7 +474,8 @@ bool UnderPath(const Change& change, const std::vector<uint32_t>& tags) {
 
 void Server::Impl::HandleCommit(Session& session, uint64_t request,
                                 std::unique_ptr<Candidate> candidate) {
-  Changes changes;
+  SubscriptionChanges all;
+  Changes& changes = *all.mutable_change();
   store->Diff(*candidate, &changes);
   const uint64_t seqNo = ++seq;
 
@@ -490,26 +494,49 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
     ServerMessage message;
     Commit* commit = message.mutable_commit();
     commit->set_seq(seqNo);
+    int whole = -1;  // a subscription that gets every change shares `all` instead of a copy
     for (size_t i = 0; i < subscriber->subscriptions.size(); ++i) {
-      SubscriptionChanges* touched = nullptr;
-      for (const Change& change : changes) {
-        if (!UnderPath(change, subscriber->subscriptions[i].tags)) continue;
-        if (!touched) {
-          touched = commit->add_subscription();
-          touched->set_subscription(static_cast<uint32_t>(i));
+      // A change with nothing enclosing it takes its subtree along: subscription paths end
+      // above list entries, so subtrees never straddle them.
+      std::vector<std::pair<int, int>> ranges;
+      int count = 0;
+      for (int c = 0; c < changes.size();) {
+        const int end = c + 1 + static_cast<int>(changes[c].descendants());
+        if (UnderPath(changes[c], subscriber->subscriptions[i].tags)) {
+          ranges.emplace_back(c, end);
+          count += end - c;
         }
-        *touched->add_change() = change;
+        c = end;
+      }
+      if (count == 0) continue;
+      if (count == changes.size() && whole < 0) {
+        whole = static_cast<int>(i);
+        continue;
+      }
+      SubscriptionChanges* touched = commit->add_subscription();
+      touched->set_subscription(static_cast<uint32_t>(i));
+      for (auto [from, to] : ranges) {
+        for (int c = from; c < to; ++c) *touched->add_change() = changes[c];
       }
     }
+    if (whole >= 0) {
+      all.set_subscription(static_cast<uint32_t>(whole));
+      commit->mutable_subscription()->AddAllocated(&all);
+    }
     if (commit->subscription_size() == 0) continue;
-    Send(*subscriber, message);
+    Send(*subscriber, message);                                           // serialises at once
+    if (whole >= 0) (void)commit->mutable_subscription()->ReleaseLast();  // `all` stays ours
     pending.waiting.insert(subscriber->id);
   }
 
   const JournalRecord record = store->Record(*candidate);
   store->Apply(std::move(candidate));
   std::string why;
-  const bool saved = persisted->Commit(record, *store, &why);
+  const bool saved = persisted->Append(record, &why);
+  if (saved && persisted->CompactionDue() && !compaction) {
+    // Rewriting the whole configuration waits until the commit has been answered.
+    sd_event_add_defer(event, &compaction, OnCompact, this);
+  }
   if (!saved) {
     spdlog::error("the running configuration is not saved: {}", why);
     CommitError error{"committed, but not saved: " + why, ""};
@@ -525,6 +552,17 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
       OnAckTimeout, reinterpret_cast<void*>(static_cast<uintptr_t>(seqNo)));
   sd_event_source_set_userdata(pending.timer, this);
   commits.emplace(seqNo, std::move(pending));
+}
+
+int Server::Impl::OnCompact(sd_event_source*, void* userdata) {
+  auto* impl = static_cast<Impl*>(userdata);
+  impl->compaction = sd_event_source_unref(impl->compaction);
+  std::string why;
+  if (!impl->persisted->Compact(*impl->store, &why)) {
+    // The journal still holds every commit; the next commit tries again.
+    spdlog::error("cannot compact the running configuration: {}", why);
+  }
+  return 0;
 }
 
 int Server::Impl::OnAckTimeout(sd_event_source* source, uint64_t, void* userdata) {

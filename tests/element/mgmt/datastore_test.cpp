@@ -66,8 +66,17 @@ class DatastoreTest : public ::testing::Test {
     Changes changes;
     store_->Diff(*candidate, &changes);
     store_->Apply(std::move(candidate));
-    std::vector<std::string> lines;
-    for (const Change& c : changes) lines.push_back(Text(c));
+    // Each change carries its keypath below the change that encloses it.
+    std::vector<std::string> paths, lines;
+    for (const Change& c : changes) {
+      std::string path = c.enclosing() ? paths[paths.size() - c.enclosing()] : "";
+      for (const KeypathElement& e : c.keypath()) {
+        path += e.key_size() == 0 ? "/" + std::string(pbr::yang::NameOfTag(e.tag()))
+                                  : "{" + e.key(0).text() + "}";
+      }
+      paths.push_back(path);
+      lines.push_back(Text(c, path));
+    }
     return lines;
   }
 
@@ -78,17 +87,9 @@ class DatastoreTest : public ::testing::Test {
     return error;
   }
 
-  static std::string Text(const Change& c) {
+  static std::string Text(const Change& c, const std::string& path) {
     static const char* kOps[] = {"?", "CREATED", "DELETED", "MODIFIED", "VALUE_SET"};
-    std::string line = kOps[c.op()];
-    line += " ";
-    for (const KeypathElement& e : c.keypath()) {
-      if (e.key_size() == 0) {
-        line += "/" + std::string(pbr::yang::NameOfTag(e.tag()));
-      } else {
-        line += "{" + e.key(0).text() + "}";
-      }
-    }
+    std::string line = std::string(kOps[c.op()]) + " " + path;
     if (c.has_old_value() || c.has_new_value()) {
       line += " = " + (c.has_old_value() ? c.old_value().text() : "-") + " -> " +
               (c.has_new_value() ? c.new_value().text() : "-");
