@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "element/mgmt/data_path.h"
+#include "element/mgmt/json_text.h"
 #include "element/mgmt/schema_info.h"
 #include "element/yang/module.h"
 
@@ -329,23 +330,10 @@ void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
   if (running_) running_ = lyd_first_sibling(running_);
 }
 
-namespace {
-
-std::string PrintJson(const lyd_node* tree) {
-  if (!tree) return "{}";
-  char* text = nullptr;
-  lyd_print_mem(&text, tree, LYD_JSON, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
-  std::string out = text ? text : "{}";
-  free(text);
-  return out;
-}
-
-}  // namespace
-
 JournalRecord Datastore::Record(const Candidate& candidate) const {
   JournalRecord record;
   record.set_whole(candidate.whole);
-  record.set_json(PrintJson(candidate.tree));
+  record.set_json(PrintJson(candidate.tree, true));
   if (candidate.whole) return record;
   for (const auto& [list, entries] : candidate.entries) {
     auto running = index_.find(list);
@@ -445,12 +433,7 @@ void Datastore::Snapshot(Node* root) const {
 }
 
 std::string Datastore::RunningJson() const {
-  if (!running_) return "{}\n";
-  char* text = nullptr;
-  lyd_print_mem(&text, running_, LYD_JSON, LYD_PRINT_WITHSIBLINGS);
-  std::string out = text ? text : "{}\n";
-  free(text);
-  return out;
+  return PrintJson(running_);
 }
 
 }  // namespace pbr::mgmt

@@ -376,17 +376,10 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
     case ClientMessage::kDataReply:
       HandleDataReply(session, message.data_reply());
       return;
-    case ClientMessage::kEdit: {
-      auto candidate = store->Prepare(message.edit(), &error);
-      if (!candidate) {
-        Respond(session, request, &error);
-        return;
-      }
-      HandleCommit(session, request, std::move(candidate));
-      return;
-    }
+    case ClientMessage::kEdit:
     case ClientMessage::kLoad: {
-      auto candidate = store->Prepare(message.load(), &error);
+      auto candidate = message.has_edit() ? store->Prepare(message.edit(), &error)
+                                          : store->Prepare(message.load(), &error);
       if (!candidate) {
         Respond(session, request, &error);
         return;
