@@ -55,6 +55,7 @@ struct Server::Impl {
   };
 
   struct Session {
+    Impl* server;
     uint64_t id;
     int fd = -1;
     sd_event_source* io = nullptr;
@@ -240,26 +241,20 @@ void Server::Impl::Accept() {
       continue;
     }
     auto session = std::make_unique<Session>();
+    session->server = this;
     session->id = nextSession++;
     session->fd = fd;
     if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
       ::close(fd);
       continue;
     }
-    sd_event_source_set_userdata(session->io, this);
-    // The session is found by its fd on each event.
     sessions.emplace(session->id, std::move(session));
   }
 }
 
-int Server::Impl::OnSessionIo(sd_event_source* source, int fd, uint32_t revents, void* userdata) {
-  auto* impl = static_cast<Impl*>(userdata);
-  for (auto& [id, session] : impl->sessions) {
-    if (session->io == source && session->fd == fd) {
-      impl->HandleIo(*session, revents);
-      break;
-    }
-  }
+int Server::Impl::OnSessionIo(sd_event_source*, int, uint32_t revents, void* userdata) {
+  auto* session = static_cast<Session*>(userdata);
+  session->server->HandleIo(*session, revents);
   return 0;
 }
 
@@ -542,8 +537,7 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
   sd_event_add_time_relative(
       event, &pending.timer, CLOCK_MONOTONIC,
       std::chrono::duration_cast<std::chrono::microseconds>(options.ackTimeout).count(), 0,
-      OnAckTimeout, reinterpret_cast<void*>(static_cast<uintptr_t>(seqNo)));
-  sd_event_source_set_userdata(pending.timer, this);
+      OnAckTimeout, this);
   commits.emplace(seqNo, std::move(pending));
 }
 
