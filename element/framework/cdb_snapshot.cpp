@@ -79,15 +79,13 @@ int CdbSnapshot::FindByKey(const Node* node, const std::string& name,
   return -1;
 }
 
-bool CdbSnapshot::Find(std::string_view path, std::vector<const Node*>* out,
-                       std::string* error) const {
-  out->clear();
+bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) const {
+  *out = Found{};
   std::vector<pbr::mgmt::KeypathSegment> segments;
   if (!pbr::mgmt::SplitKeypath(path, &segments, error)) return false;
   const Node* node = root_.get();
-  for (size_t s = 0; s < segments.size(); ++s) {
-    const pbr::mgmt::KeypathSegment& seg = segments[s];
-    const bool last = s + 1 == segments.size();
+  for (const pbr::mgmt::KeypathSegment& seg : segments) {
+    *out = Found{};  // until this segment is found
     Run run;
     if (node->child_size() < kIndexFrom) {
       for (int i = 0; i < node->child_size(); ++i) {
@@ -96,25 +94,27 @@ bool CdbSnapshot::Find(std::string_view path, std::vector<const Node*>* out,
         ++run.count;
       }
     } else {
-      auto it = IndexOf(node).runs.find(seg.name);
-      if (it != IndexOf(node).runs.end()) run = it->second;
+      const Children& children = IndexOf(node);
+      auto it = children.runs.find(seg.name);
+      if (it != children.runs.end()) run = it->second;
     }
+    int index = run.first;
     if (seg.positional) {
       if (seg.position >= run.count) return true;
-      node = &node->child(run.first + static_cast<int>(seg.position));
+      index += static_cast<int>(seg.position);
     } else if (seg.keyed) {
-      const int i = FindByKey(node, seg.name, seg.keys);
-      if (i < 0) return true;
-      node = &node->child(i);
-    } else if (last) {
-      for (int i = 0; i < run.count; ++i) out->push_back(&node->child(run.first + i));
-      return true;
-    } else {
+      index = FindByKey(node, seg.name, seg.keys);
+      if (index < 0) return true;
+    } else if (&seg != &segments.back()) {
       if (run.count != 1) return true;
-      node = &node->child(run.first);
+    } else {
+      // A list or leaf-list named whole: all its entries.
+      *out = Found{node, run.first, run.count};
+      return true;
     }
+    *out = Found{node, index, 1};
+    node = &node->child(index);
   }
-  out->push_back(node);
   return true;
 }
 

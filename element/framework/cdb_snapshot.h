@@ -20,11 +20,18 @@ class CdbSnapshot {
 
   const pbr::mgmt::Node* root() const { return root_.get(); }
 
-  // The nodes a path names: one for a leaf or container, every entry for a list or leaf-list
-  // path without position or key. Empty when nothing is there; false with *error when the
-  // path is malformed.
-  bool Find(std::string_view path, std::vector<const pbr::mgmt::Node*>* out,
-            std::string* error) const;
+  // The nodes a path names, consecutive children of one parent: one for a leaf or container,
+  // every entry for a list or leaf-list path without position or key.
+  struct Found {
+    const pbr::mgmt::Node* parent = nullptr;
+    int first = 0;
+    int count = 0;
+    const pbr::mgmt::Node& operator[](int i) const { return parent->child(first + i); }
+  };
+
+  // What `path` names; count 0 when nothing is there. False with *error when the path is
+  // malformed.
+  bool Find(std::string_view path, Found* out, std::string* error) const;
 
  private:
   struct Run {

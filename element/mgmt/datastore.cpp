@@ -177,6 +177,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
       if (IsUnitList(child->schema)) candidate->entries[child->schema][EntryKey::Of(child)] = child;
     }
   }
+  DropUnchanged(candidate.get());
   return candidate;
 }
 
@@ -259,7 +260,25 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* err
       candidate->entries[child->schema][EntryKey::Of(child)] = child;
     }
   }
+  DropUnchanged(candidate.get());
   return candidate;
+}
+
+void Datastore::DropUnchanged(Candidate* candidate) const {
+  for (auto& [list, entries] : candidate->entries) {
+    auto running = index_.find(list);
+    if (running == index_.end()) continue;
+    for (auto it = entries.begin(); it != entries.end();) {
+      auto old = running->second.find(it->first);
+      if (it->second && old != running->second.end() &&
+          lyd_compare_single(old->second, it->second, LYD_COMPARE_FULL_RECURSION) == LY_SUCCESS) {
+        lyd_free_tree(it->second);
+        it = entries.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
 }
 
 std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* error) {
