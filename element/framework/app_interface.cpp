@@ -20,6 +20,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <google/protobuf/arena.h>
+
 #include <algorithm>
 #include <cstring>
 #include <exception>
@@ -214,13 +216,16 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
     for (;;) {
       const pbr::mgmt::FramedStream::Frame frame = stream.Next(&payload);
       if (frame == pbr::mgmt::FramedStream::Frame::kIncomplete) break;
-      pbr::mgmt::ServerMessage message;
+      // Snapshots and bulk commits are hundreds of thousands of small messages: an arena makes
+      // and frees them at once.
+      google::protobuf::Arena arena;
+      auto* message = google::protobuf::Arena::CreateMessage<pbr::mgmt::ServerMessage>(&arena);
       if (frame == pbr::mgmt::FramedStream::Frame::kOversized ||
-          !message.ParseFromString(payload)) {
+          !message->ParseFromString(payload)) {
         Drop("malformed message from the server");
         return;
       }
-      Handle(message);
+      Handle(*message);
       if (generation != gen) return;  // a handler's exception dropped the connection
     }
     if (io != pbr::mgmt::FramedStream::Io::kOk) {
@@ -257,8 +262,7 @@ void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
 void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
   FW_LOG(this, "attached to the management server");
   const uint64_t gen = generation;
-  detail::CdbSnapshot snapshot(std::unique_ptr<pbr::mgmt::Node>(reply.release_root()));
-  if (!snapshot.root()) return;
+  const detail::CdbSnapshot snapshot(&reply.root());
   connectedReported = true;
   for (ConfigHandler* h : configHandlers)
     Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });

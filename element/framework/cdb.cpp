@@ -23,6 +23,8 @@ std::map<int, const CdbSnapshot*>& Sockets() {
 }
 
 std::string Format(const char* fmt, va_list ap) {
+  // Most paths arrive already formatted.
+  if (!std::strchr(fmt, '%')) return fmt;
   va_list copy;
   va_copy(copy, ap);
   const int n = std::vsnprintf(nullptr, 0, fmt, copy);

@@ -83,7 +83,7 @@ bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) co
   *out = Found{};
   std::vector<pbr::mgmt::KeypathSegment> segments;
   if (!pbr::mgmt::SplitKeypath(path, &segments, error)) return false;
-  const Node* node = root_.get();
+  const Node* node = root_;
   for (const pbr::mgmt::KeypathSegment& seg : segments) {
     *out = Found{};  // until this segment is found
     Run run;

@@ -16,9 +16,8 @@ namespace vqconfd::detail {
 
 class CdbSnapshot {
  public:
-  explicit CdbSnapshot(std::unique_ptr<pbr::mgmt::Node> root) : root_(std::move(root)) {}
-
-  const pbr::mgmt::Node* root() const { return root_.get(); }
+  // `root` (the snapshot's unnamed root node) stays owned by the caller and must outlive this.
+  explicit CdbSnapshot(const pbr::mgmt::Node* root) : root_(root) {}
 
   // The nodes a path names, consecutive children of one parent: one for a leaf or container,
   // every entry for a list or leaf-list path without position or key.
@@ -47,7 +46,7 @@ class CdbSnapshot {
   int FindByKey(const pbr::mgmt::Node* node, const std::string& name,
                 const std::vector<std::string>& keys) const;
 
-  std::unique_ptr<pbr::mgmt::Node> root_;
+  const pbr::mgmt::Node* root_;
   mutable std::unordered_map<const pbr::mgmt::Node*, Children> index_;
 };
 

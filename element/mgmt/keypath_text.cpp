@@ -10,6 +10,7 @@ bool SplitKeypath(std::string_view text, std::vector<KeypathSegment>* out, std::
     *error = "a path starts with /";
     return false;
   }
+  out->reserve(8);
   size_t i = 0;
   while (i < text.size()) {
     ++i;  // the '/'

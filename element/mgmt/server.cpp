@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <google/protobuf/arena.h>
 #include <spdlog/spdlog.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
@@ -438,11 +439,13 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
   spdlog::info("{} attached: {} subscriptions, {} callpoints", session.app,
                session.subscriptions.size(), session.callpoints.size());
 
-  ServerMessage message;
-  AttachReply* reply = message.mutable_attach_reply();
+  // A snapshot is hundreds of thousands of small messages: an arena makes and frees them at once.
+  google::protobuf::Arena arena;
+  auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(&arena);
+  AttachReply* reply = message->mutable_attach_reply();
   reply->set_seq(seq);
   store->Snapshot(reply->mutable_root());
-  Send(session, message);
+  Send(session, *message);
 }
 
 namespace {
@@ -462,8 +465,9 @@ bool UnderPath(const Change& change, const std::vector<uint32_t>& tags) {
 
 void Server::Impl::HandleCommit(Session& session, uint64_t request,
                                 std::unique_ptr<Candidate> candidate) {
-  SubscriptionChanges all;
-  Changes& changes = *all.mutable_change();
+  google::protobuf::Arena arena;  // the changes of a bulk commit are many small messages
+  auto* all = google::protobuf::Arena::CreateMessage<SubscriptionChanges>(&arena);
+  Changes& changes = *all->mutable_change();
   store->Diff(*candidate, &changes);
   const uint64_t seqNo = ++seq;
 
@@ -479,8 +483,8 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   PendingCommit pending{session.id, request, {}, nullptr};
   for (auto& [priority, subscriber] : order) {
-    ServerMessage message;
-    Commit* commit = message.mutable_commit();
+    auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(&arena);
+    Commit* commit = message->mutable_commit();
     commit->set_seq(seqNo);
     int whole = -1;  // a subscription that gets every change shares `all` instead of a copy
     for (size_t i = 0; i < subscriber->subscriptions.size(); ++i) {
@@ -508,12 +512,13 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
       }
     }
     if (whole >= 0) {
-      all.set_subscription(static_cast<uint32_t>(whole));
-      commit->mutable_subscription()->AddAllocated(&all);
+      all->set_subscription(static_cast<uint32_t>(whole));
+      commit->mutable_subscription()->UnsafeArenaAddAllocated(all);
     }
     if (commit->subscription_size() == 0) continue;
-    Send(*subscriber, message);                                           // serialises at once
-    if (whole >= 0) (void)commit->mutable_subscription()->ReleaseLast();  // `all` stays ours
+    Send(*subscriber, *message);  // serialises at once
+    // `all` goes back to serve the next subscriber.
+    if (whole >= 0) (void)commit->mutable_subscription()->UnsafeArenaReleaseLast();
     pending.waiting.insert(subscriber->id);
   }
 

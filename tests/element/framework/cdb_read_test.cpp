@@ -50,10 +50,12 @@ std::unique_ptr<Node> Rules(int count) {
 class CdbReadTest : public ::testing::TestWithParam<int> {
  protected:
   void SetUp() override {
-    snapshot_ = std::make_unique<CdbSnapshot>(Rules(GetParam()));
+    root_ = Rules(GetParam());
+    snapshot_ = std::make_unique<CdbSnapshot>(root_.get());
     OpenCdbSocket(kSock, snapshot_.get());
   }
   void TearDown() override { CloseCdbSocket(kSock); }
+  std::unique_ptr<Node> root_;
   std::unique_ptr<CdbSnapshot> snapshot_;
 };
 
