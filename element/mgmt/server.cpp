@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <google/protobuf/arena.h>
-#include <spdlog/spdlog.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -25,6 +24,7 @@
 #include "element/mgmt/operational.h"
 #include "element/mgmt/running_store.h"
 #include "element/mgmt/schema_info.h"
+#include "element/middleware/log.h"
 #include "element/yang/module.h"
 
 namespace pbr::mgmt {
@@ -227,7 +227,7 @@ void Server::Impl::Accept() {
     const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-        spdlog::warn("accept: {}", std::strerror(errno));
+        vqmw::Logger().warn("accept: {}", std::strerror(errno));
       }
       return;
     }
@@ -237,7 +237,7 @@ void Server::Impl::Accept() {
     socklen_t len = sizeof cred;
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 ||
         (cred.uid != 0 && cred.uid != ::geteuid() && cred.gid != ::getegid())) {
-      spdlog::warn("refused a client with uid {} gid {}", cred.uid, cred.gid);
+      vqmw::Logger().warn("refused a client with uid {} gid {}", cred.uid, cred.gid);
       ::close(fd);
       continue;
     }
@@ -274,7 +274,7 @@ void Server::Impl::HandleIo(Session& session, uint32_t revents) {
       const FramedStream::Frame frame = session.stream.Next(&payload);
       if (frame == FramedStream::Frame::kIncomplete) break;
       if (frame == FramedStream::Frame::kOversized) {
-        spdlog::warn("session {}: message over {} bytes, closing", id, kMaxFrameSize);
+        vqmw::Logger().warn("session {}: message over {} bytes, closing", id, kMaxFrameSize);
         CommitError error{"message too large", ""};
         Respond(session, 0, &error);
         session.stream.WriteTo(session.fd);
@@ -332,7 +332,7 @@ void Server::Impl::Close(uint64_t sessionId) {
   sessions.erase(it);
   sd_event_source_unref(session->io);
   ::close(session->fd);
-  if (session->attached) spdlog::info("{} detached", session->app);
+  if (session->attached) vqmw::Logger().info("{} detached", session->app);
 
   std::vector<uint64_t> done;
   for (auto& [seqNo, pending] : commits) {
@@ -436,8 +436,8 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
   session.app = attach.app_name();
   session.subscriptions = std::move(subscriptions);
   session.callpoints.assign(attach.callpoint().begin(), attach.callpoint().end());
-  spdlog::info("{} attached: {} subscriptions, {} callpoints", session.app,
-               session.subscriptions.size(), session.callpoints.size());
+  vqmw::Logger().info("{} attached: {} subscriptions, {} callpoints", session.app,
+                      session.subscriptions.size(), session.callpoints.size());
 
   // A snapshot is hundreds of thousands of small messages: an arena makes and frees them at once.
   google::protobuf::Arena arena;
@@ -531,7 +531,7 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
     sd_event_add_defer(event, &compaction, OnCompact, this);
   }
   if (!saved) {
-    spdlog::error("the running configuration is not saved: {}", why);
+    vqmw::Logger().error("the running configuration is not saved: {}", why);
     CommitError error{"committed, but not saved: " + why, ""};
     Respond(session, request, &error);
   }
@@ -552,7 +552,7 @@ int Server::Impl::OnCompact(sd_event_source*, void* userdata) {
   std::string why;
   if (!impl->persisted->Compact(*impl->store, &why)) {
     // The journal still holds every commit; the next commit tries again.
-    spdlog::error("cannot compact the running configuration: {}", why);
+    vqmw::Logger().error("cannot compact the running configuration: {}", why);
   }
   return 0;
 }
@@ -561,8 +561,8 @@ int Server::Impl::OnAckTimeout(sd_event_source* source, uint64_t, void* userdata
   auto* impl = static_cast<Impl*>(userdata);
   for (auto& [seqNo, pending] : impl->commits) {
     if (pending.timer != source) continue;
-    spdlog::warn("commit {}: {} subscribers did not acknowledge in time", seqNo,
-                 pending.waiting.size());
+    vqmw::Logger().warn("commit {}: {} subscribers did not acknowledge in time", seqNo,
+                        pending.waiting.size());
     pending.waiting.clear();
     impl->FinishCommitIfDone(seqNo);
     break;
