@@ -5,16 +5,14 @@
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 
-#include <cstdlib>
-
 #include "element/mgmt/running_file.h"
 #include "element/mgmt/server.h"
 #include "element/middleware/log.h"
+#include "element/middleware/loop.h"
 
 int main() {
-  const char* runtime = std::getenv("PBR_ELEMENT_RUNTIME_DIR");
   pbr::mgmt::ServerOptions options;
-  options.runtimeDir = runtime && *runtime ? runtime : "/run/pbr-element";
+  options.runtimeDir = vqmw::RuntimeDir();
   options.stateDir = pbr::mgmt::StateDir();
 
   sigset_t mask;
