@@ -221,12 +221,18 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* err
       return nullptr;
     }
   } else {
-    // Copies of the running entries that the document merges into.
+    // Copies of the running entries that the document merges into. An entry the document
+    // repeats exactly changes nothing and is left out before it costs a copy.
     for (lyd_node* top = doc; top; top = top->next) {
-      for (lyd_node* child = lyd_child(top); child; child = child->next) {
+      for (lyd_node *child = lyd_child(top), *next; child; child = next) {
+        next = child->next;
         const Index& index = index_[child->schema];
         auto it = index.find(EntryKey::Of(child));
         if (it == index.end()) continue;
+        if (lyd_compare_single(it->second, child, LYD_COMPARE_FULL_RECURSION) == LY_SUCCESS) {
+          lyd_free_tree(child);
+          continue;
+        }
         lyd_node* parent = FindTop(&tree, module_, top->schema, true);
         lyd_dup_single(it->second, reinterpret_cast<lyd_node_inner*>(parent),
                        LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, nullptr);

@@ -465,8 +465,10 @@ bool UnderPath(const Change& change, const std::vector<uint32_t>& tags) {
 
 void Server::Impl::HandleCommit(Session& session, uint64_t request,
                                 std::unique_ptr<Candidate> candidate) {
-  google::protobuf::Arena arena;  // the changes of a bulk commit are many small messages
-  auto* all = google::protobuf::Arena::CreateMessage<SubscriptionChanges>(&arena);
+  // The changes of a bulk commit are many small messages: an arena makes them, and frees them
+  // once they are on their way, before the journal record is made.
+  auto arena = std::make_unique<google::protobuf::Arena>();
+  auto* all = google::protobuf::Arena::CreateMessage<SubscriptionChanges>(arena.get());
   Changes& changes = *all->mutable_change();
   store->Diff(*candidate, &changes);
   const uint64_t seqNo = ++seq;
@@ -483,7 +485,7 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   PendingCommit pending{session.id, request, {}, nullptr};
   for (auto& [priority, subscriber] : order) {
-    auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(&arena);
+    auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(arena.get());
     Commit* commit = message->mutable_commit();
     commit->set_seq(seqNo);
     int whole = -1;  // a subscription that gets every change shares `all` instead of a copy
@@ -521,6 +523,7 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
     if (whole >= 0) (void)commit->mutable_subscription()->UnsafeArenaReleaseLast();
     pending.waiting.insert(subscriber->id);
   }
+  arena.reset();
 
   const JournalRecord record = store->Record(*candidate);
   store->Apply(std::move(candidate));
