@@ -20,6 +20,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <google/protobuf/arena.h>
+
 #include <algorithm>
 #include <cstring>
 #include <exception>
@@ -214,13 +216,16 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
     for (;;) {
       const pbr::mgmt::FramedStream::Frame frame = stream.Next(&payload);
       if (frame == pbr::mgmt::FramedStream::Frame::kIncomplete) break;
-      pbr::mgmt::ServerMessage message;
+      // Snapshots and bulk commits are hundreds of thousands of small messages: an arena makes
+      // and frees them at once.
+      google::protobuf::Arena arena;
+      auto* message = google::protobuf::Arena::CreateMessage<pbr::mgmt::ServerMessage>(&arena);
       if (frame == pbr::mgmt::FramedStream::Frame::kOversized ||
-          !message.ParseFromString(payload)) {
+          !message->ParseFromString(payload)) {
         Drop("malformed message from the server");
         return;
       }
-      Handle(message);
+      Handle(*message);
       if (generation != gen) return;  // a handler's exception dropped the connection
     }
     if (io != pbr::mgmt::FramedStream::Io::kOk) {
@@ -257,8 +262,7 @@ void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
 void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
   FW_LOG(this, "attached to the management server");
   const uint64_t gen = generation;
-  detail::CdbSnapshot snapshot(std::unique_ptr<pbr::mgmt::Node>(reply.release_root()));
-  if (!snapshot.root()) return;
+  const detail::CdbSnapshot snapshot(&reply.root());
   connectedReported = true;
   for (ConfigHandler* h : configHandlers)
     Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });
@@ -287,7 +291,14 @@ void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {
   std::vector<std::pair<ConfigHandler*, std::vector<const pbr::mgmt::SubscriptionChanges*>>>
       touched;
   std::map<ConfigHandler*, int32_t> lowest;
+  std::vector<const pbr::mgmt::SubscriptionChanges*> bySubscription;
   for (const pbr::mgmt::SubscriptionChanges& changes : commit.subscription()) {
+    bySubscription.push_back(&changes);
+  }
+  std::sort(bySubscription.begin(), bySubscription.end(),
+            [](auto* a, auto* b) { return a->subscription() < b->subscription(); });
+  for (const pbr::mgmt::SubscriptionChanges* each : bySubscription) {
+    const pbr::mgmt::SubscriptionChanges& changes = *each;
     if (changes.subscription() >= points.size()) continue;
     const Point& p = points[changes.subscription()];
     auto it = std::find_if(touched.begin(), touched.end(),
@@ -309,11 +320,20 @@ void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {
     for (const pbr::mgmt::SubscriptionChanges* changes : subscriptions) {
       const IterateCallback& callback = points[changes->subscription()].point->callback;
       const int n = changes->change_size();
+      // Full keypaths of the changes that enclose others, by index.
+      std::vector<std::vector<const pbr::mgmt::KeypathElement*>> enclosing(n);
+      std::vector<const pbr::mgmt::KeypathElement*> path;
       for (int i = 0; ok && i < n; ++i) {
         const pbr::mgmt::Change& change = changes->change(i);
+        path.clear();
+        if (change.enclosing() > 0 && change.enclosing() <= static_cast<uint32_t>(i)) {
+          path = enclosing[i - change.enclosing()];
+        }
+        for (const pbr::mgmt::KeypathElement& e : change.keypath()) path.push_back(&e);
+        if (change.descendants() > 0) enclosing[i] = path;
         confd_hkeypath_t kp;
         confd_value_t oldValue, newValue;
-        if (!detail::BuildKeypath(change.keypath(), &kp) ||
+        if (!detail::BuildKeypath(path, &kp) ||
             (change.has_old_value() && !detail::FromWire(change.old_value(), &oldValue)) ||
             (change.has_new_value() && !detail::FromWire(change.new_value(), &newValue))) {
           FW_LOG(this, "change %d of commit %llu does not fit ConfD's types; skipped", i,
@@ -351,16 +371,18 @@ void AppInterface::Impl::HandleGetObjects(const pbr::mgmt::GetObjects& request) 
   if (served != callpoints.end()) {
     Guard("TransactionInit", [&] { served->second.handler->TransactionInit(&tctx); });
   }
-  google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathElement> elements(request.list_keypath());
-  pbr::mgmt::KeypathElement* keyElement = elements.Add();
+  std::vector<const pbr::mgmt::KeypathElement*> elements;
+  for (const pbr::mgmt::KeypathElement& e : request.list_keypath()) elements.push_back(&e);
+  pbr::mgmt::KeypathElement keyElement;
+  elements.push_back(&keyElement);
   for (const pbr::mgmt::Value& key : request.key()) {
     pbr::mgmt::ObjectReply* object = reply->add_object();
     if (served == callpoints.end()) {
       object->set_error("callpoint " + request.callpoint() + " is not served");
       continue;
     }
-    keyElement->clear_key();
-    *keyElement->add_key() = key;
+    keyElement.clear_key();
+    *keyElement.add_key() = key;
     confd_hkeypath_t kp;
     if (!detail::BuildKeypath(elements, &kp)) {
       object->set_error("bad key " + key.text());

@@ -23,6 +23,8 @@ std::map<int, const CdbSnapshot*>& Sockets() {
 }
 
 std::string Format(const char* fmt, va_list ap) {
+  // Most paths arrive already formatted.
+  if (!std::strchr(fmt, '%')) return fmt;
   va_list copy;
   va_copy(copy, ap);
   const int n = std::vsnprintf(nullptr, 0, fmt, copy);
@@ -34,7 +36,7 @@ std::string Format(const char* fmt, va_list ap) {
 
 // The nodes at the formatted path of a read on `sock`; CONFD_ERR with the reason set when the
 // socket or the path is bad.
-int Lookup(int sock, const char* fmt, va_list ap, std::vector<const pbr::mgmt::Node*>* nodes) {
+int Lookup(int sock, const char* fmt, va_list ap, CdbSnapshot::Found* nodes) {
   const std::string path = Format(fmt, ap);
   auto it = Sockets().find(sock);
   if (it == Sockets().end()) {
@@ -51,13 +53,13 @@ int Lookup(int sock, const char* fmt, va_list ap, std::vector<const pbr::mgmt::N
 
 // The value of the one leaf at the path, of type `type`.
 int ReadLeaf(int sock, confd_vtype type, const char* fmt, va_list ap, confd_value_t* out) {
-  std::vector<const pbr::mgmt::Node*> nodes;
+  CdbSnapshot::Found nodes;
   if (Lookup(sock, fmt, ap, &nodes) != CONFD_OK) return CONFD_ERR;
-  if (nodes.size() != 1 || !nodes[0]->has_value()) {
+  if (nodes.count != 1 || !nodes[0].has_value()) {
     SetLastError("item does not exist");
     return CONFD_ERR;
   }
-  const pbr::mgmt::Value& value = nodes[0]->value();
+  const pbr::mgmt::Value& value = nodes[0].value();
   const bool stringish = type == C_BUF && value.type() == C_STR;
   if (value.type() != static_cast<uint32_t>(type) && !stringish) {
     SetLastError("item has a different type");
@@ -89,21 +91,21 @@ using vqconfd::detail::SetLastError;
 extern "C" {
 
 int cdb_num_instances(int sock, const char* fmt, ...) {
-  std::vector<const pbr::mgmt::Node*> nodes;
+  vqconfd::detail::CdbSnapshot::Found nodes;
   va_list ap;
   va_start(ap, fmt);
   const int r = Lookup(sock, fmt, ap, &nodes);
   va_end(ap);
-  return r == CONFD_OK ? static_cast<int>(nodes.size()) : static_cast<int>(CONFD_ERR);
+  return r == CONFD_OK ? nodes.count : static_cast<int>(CONFD_ERR);
 }
 
 int cdb_exists(int sock, const char* fmt, ...) {
-  std::vector<const pbr::mgmt::Node*> nodes;
+  vqconfd::detail::CdbSnapshot::Found nodes;
   va_list ap;
   va_start(ap, fmt);
   const int r = Lookup(sock, fmt, ap, &nodes);
   va_end(ap);
-  return r == CONFD_OK ? static_cast<int>(!nodes.empty()) : static_cast<int>(CONFD_ERR);
+  return r == CONFD_OK ? static_cast<int>(nodes.count > 0) : static_cast<int>(CONFD_ERR);
 }
 
 int cdb_get_u_int32(int sock, uint32_t* rval, const char* fmt, ...) {
@@ -152,28 +154,28 @@ int cdb_get_ipv4_and_plen(int sock, struct confd_ipv4_prefix* rval, const char* 
 }
 
 int cdb_get_list(int sock, confd_value_t** values, int* n, const char* fmt, ...) {
-  std::vector<const pbr::mgmt::Node*> nodes;
+  vqconfd::detail::CdbSnapshot::Found nodes;
   va_list ap;
   va_start(ap, fmt);
   const int r = Lookup(sock, fmt, ap, &nodes);
   va_end(ap);
   if (r != CONFD_OK) return r;
   // A leaf-list without entries does not exist, as in CDB.
-  if (nodes.empty()) {
+  if (nodes.count == 0) {
     SetLastError("item does not exist");
     return CONFD_ERR;
   }
-  auto* array = static_cast<confd_value_t*>(std::malloc(nodes.size() * sizeof(confd_value_t)));
-  for (size_t i = 0; i < nodes.size(); ++i) {
-    if (!nodes[i]->has_value() || !vqconfd::detail::FromWire(nodes[i]->value(), &array[i], true)) {
-      for (size_t j = 0; j < i; ++j) confd_free_value(&array[j]);
+  auto* array = static_cast<confd_value_t*>(std::malloc(nodes.count * sizeof(confd_value_t)));
+  for (int i = 0; i < nodes.count; ++i) {
+    if (!nodes[i].has_value() || !vqconfd::detail::FromWire(nodes[i].value(), &array[i], true)) {
+      for (int j = 0; j < i; ++j) confd_free_value(&array[j]);
       std::free(array);
       SetLastError("not a leaf-list");
       return CONFD_ERR;
     }
   }
   *values = array;
-  *n = static_cast<int>(nodes.size());
+  *n = nodes.count;
   return CONFD_OK;
 }
 

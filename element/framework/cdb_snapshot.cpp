@@ -1,6 +1,6 @@
 #include "element/framework/cdb_snapshot.h"
 
-#include <cstdlib>
+#include "element/mgmt/keypath_text.h"
 
 namespace vqconfd::detail {
 namespace {
@@ -9,82 +9,6 @@ using pbr::mgmt::Node;
 
 // Nodes with few children are searched directly; longer child lists get an index.
 constexpr int kIndexFrom = 16;
-
-struct Segment {
-  std::string name;
-  bool positional = false;
-  long position = 0;
-  bool keyed = false;
-  std::vector<std::string> keys;
-};
-
-bool ParseSegments(std::string_view path, std::vector<Segment>* out, std::string* error) {
-  size_t i = 0;
-  if (path.empty() || path[0] != '/') {
-    *error = "a path starts with /";
-    return false;
-  }
-  while (i < path.size()) {
-    ++i;  // the '/'
-    Segment seg;
-    while (i < path.size() && path[i] != '/' && path[i] != '[' && path[i] != '{') {
-      seg.name += path[i++];
-    }
-    if (seg.name.empty()) {
-      *error = "empty node name";
-      return false;
-    }
-    if (i < path.size() && path[i] == '[') {
-      const size_t close = path.find(']', i);
-      if (close == std::string_view::npos) {
-        *error = "unterminated [";
-        return false;
-      }
-      const std::string num(path.substr(i + 1, close - i - 1));
-      char* end = nullptr;
-      seg.position = std::strtol(num.c_str(), &end, 10);
-      if (num.empty() || *end || seg.position < 0) {
-        *error = "bad position [" + num + "]";
-        return false;
-      }
-      seg.positional = true;
-      i = close + 1;
-    } else if (i < path.size() && path[i] == '{') {
-      seg.keyed = true;
-      std::string key;
-      bool quoted = false;
-      for (++i;; ++i) {
-        if (i >= path.size()) {
-          *error = "unterminated {";
-          return false;
-        }
-        const char c = path[i];
-        if (quoted) {
-          if (c == '"') {
-            quoted = false;
-          } else {
-            key += c;
-          }
-        } else if (c == '"') {
-          quoted = true;
-        } else if (c == ' ' || c == '}') {
-          if (!key.empty()) seg.keys.push_back(key);
-          key.clear();
-          if (c == '}') break;
-        } else {
-          key += c;
-        }
-      }
-      ++i;
-    }
-    if (i < path.size() && path[i] != '/') {
-      *error = "unexpected text after " + seg.name;
-      return false;
-    }
-    out->push_back(std::move(seg));
-  }
-  return true;
-}
 
 bool KeysMatch(const Node& entry, const std::vector<std::string>& keys) {
   if (entry.child_size() < static_cast<int>(keys.size())) return false;
@@ -155,15 +79,13 @@ int CdbSnapshot::FindByKey(const Node* node, const std::string& name,
   return -1;
 }
 
-bool CdbSnapshot::Find(std::string_view path, std::vector<const Node*>* out,
-                       std::string* error) const {
-  out->clear();
-  std::vector<Segment> segments;
-  if (!ParseSegments(path, &segments, error)) return false;
-  const Node* node = root_.get();
-  for (size_t s = 0; s < segments.size(); ++s) {
-    const Segment& seg = segments[s];
-    const bool last = s + 1 == segments.size();
+bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) const {
+  *out = Found{};
+  std::vector<pbr::mgmt::KeypathSegment> segments;
+  if (!pbr::mgmt::SplitKeypath(path, &segments, error)) return false;
+  const Node* node = root_;
+  for (const pbr::mgmt::KeypathSegment& seg : segments) {
+    *out = Found{};  // until this segment is found
     Run run;
     if (node->child_size() < kIndexFrom) {
       for (int i = 0; i < node->child_size(); ++i) {
@@ -172,25 +94,27 @@ bool CdbSnapshot::Find(std::string_view path, std::vector<const Node*>* out,
         ++run.count;
       }
     } else {
-      auto it = IndexOf(node).runs.find(seg.name);
-      if (it != IndexOf(node).runs.end()) run = it->second;
+      const Children& children = IndexOf(node);
+      auto it = children.runs.find(seg.name);
+      if (it != children.runs.end()) run = it->second;
     }
+    int index = run.first;
     if (seg.positional) {
       if (seg.position >= run.count) return true;
-      node = &node->child(run.first + static_cast<int>(seg.position));
+      index += static_cast<int>(seg.position);
     } else if (seg.keyed) {
-      const int i = FindByKey(node, seg.name, seg.keys);
-      if (i < 0) return true;
-      node = &node->child(i);
-    } else if (last) {
-      for (int i = 0; i < run.count; ++i) out->push_back(&node->child(run.first + i));
-      return true;
-    } else {
+      index = FindByKey(node, seg.name, seg.keys);
+      if (index < 0) return true;
+    } else if (&seg != &segments.back()) {
       if (run.count != 1) return true;
-      node = &node->child(run.first);
+    } else {
+      // A list or leaf-list named whole: all its entries.
+      *out = Found{node, run.first, run.count};
+      return true;
     }
+    *out = Found{node, index, 1};
+    node = &node->child(index);
   }
-  out->push_back(node);
   return true;
 }
 

@@ -16,15 +16,21 @@ namespace vqconfd::detail {
 
 class CdbSnapshot {
  public:
-  explicit CdbSnapshot(std::unique_ptr<pbr::mgmt::Node> root) : root_(std::move(root)) {}
+  // `root` (the snapshot's unnamed root node) stays owned by the caller and must outlive this.
+  explicit CdbSnapshot(const pbr::mgmt::Node* root) : root_(root) {}
 
-  const pbr::mgmt::Node* root() const { return root_.get(); }
+  // The nodes a path names, consecutive children of one parent: one for a leaf or container,
+  // every entry for a list or leaf-list path without position or key.
+  struct Found {
+    const pbr::mgmt::Node* parent = nullptr;
+    int first = 0;
+    int count = 0;
+    const pbr::mgmt::Node& operator[](int i) const { return parent->child(first + i); }
+  };
 
-  // The nodes a path names: one for a leaf or container, every entry for a list or leaf-list
-  // path without position or key. Empty when nothing is there; false with *error when the
-  // path is malformed.
-  bool Find(std::string_view path, std::vector<const pbr::mgmt::Node*>* out,
-            std::string* error) const;
+  // What `path` names; count 0 when nothing is there. False with *error when the path is
+  // malformed.
+  bool Find(std::string_view path, Found* out, std::string* error) const;
 
  private:
   struct Run {
@@ -40,7 +46,7 @@ class CdbSnapshot {
   int FindByKey(const pbr::mgmt::Node* node, const std::string& name,
                 const std::vector<std::string>& keys) const;
 
-  std::unique_ptr<pbr::mgmt::Node> root_;
+  const pbr::mgmt::Node* root_;
   mutable std::unordered_map<const pbr::mgmt::Node*, Children> index_;
 };
 

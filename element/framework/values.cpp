@@ -144,13 +144,13 @@ void ToWire(const confd_value_t& in, pbr::mgmt::Value* out) {
   out->set_text(Text(in));
 }
 
-bool BuildKeypath(const google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathElement>& elements,
+bool BuildKeypath(const std::vector<const pbr::mgmt::KeypathElement*>& elements,
                   confd_hkeypath_t* out) {
-  const int len = elements.size();
+  const int len = static_cast<int>(elements.size());
   if (len > MAXDEPTH) return false;
   out->len = len;
   for (int i = 0; i < len; ++i) {
-    const pbr::mgmt::KeypathElement& e = elements[len - 1 - i];
+    const pbr::mgmt::KeypathElement& e = *elements[len - 1 - i];
     confd_value_t* v = out->v[i];
     if (e.key_size() == 0) {
       CONFD_SET_XMLTAG(&v[0], e.tag(), e.ns());

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "element/mgmt/mgmt.pb.h"
 #include "platform/confd_lib.h"
@@ -19,7 +20,7 @@ void ToWire(const confd_value_t& in, pbr::mgmt::Value* out);
 
 // Builds a keypath from elements given root-most first. Key values point into `elements`.
 // False when it is too deep or a key does not parse.
-bool BuildKeypath(const google::protobuf::RepeatedPtrField<pbr::mgmt::KeypathElement>& elements,
+bool BuildKeypath(const std::vector<const pbr::mgmt::KeypathElement*>& elements,
                   confd_hkeypath_t* out);
 
 // Sets the text confd_lasterr() returns.

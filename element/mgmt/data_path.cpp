@@ -2,68 +2,10 @@
 
 #include <vector>
 
+#include "element/mgmt/keypath_text.h"
+
 namespace pbr::mgmt {
 namespace {
-
-struct Segment {
-  std::string name;
-  std::vector<std::string> keys;
-  bool keyed = false;
-};
-
-bool Split(std::string_view text, std::vector<Segment>* out, std::string* error) {
-  size_t i = 0;
-  if (text.empty() || text[0] != '/') {
-    *error = "a path starts with /";
-    return false;
-  }
-  while (i < text.size()) {
-    if (text[i] != '/') {
-      *error = "unexpected \"" + std::string(1, text[i]) + "\"";
-      return false;
-    }
-    ++i;
-    Segment seg;
-    while (i < text.size() && text[i] != '/' && text[i] != '{') seg.name += text[i++];
-    if (seg.name.empty()) {
-      *error = "empty node name";
-      return false;
-    }
-    if (i < text.size() && text[i] == '{') {
-      seg.keyed = true;
-      ++i;
-      std::string key;
-      bool quoted = false, inKey = false;
-      for (;; ++i) {
-        if (i == text.size()) {
-          *error = "unterminated {";
-          return false;
-        }
-        const char c = text[i];
-        if (quoted) {
-          if (c == '"') {
-            quoted = false;
-          } else {
-            key += c;
-          }
-        } else if (c == '"') {
-          quoted = inKey = true;
-        } else if (c == ' ' || c == '}') {
-          if (inKey) seg.keys.push_back(key);
-          key.clear();
-          inKey = false;
-          if (c == '}') break;
-        } else {
-          key += c;
-          inKey = true;
-        }
-      }
-      ++i;
-    }
-    out->push_back(std::move(seg));
-  }
-  return true;
-}
 
 std::string Quote(const std::string& value) {
   const char q = value.find('\'') == std::string::npos ? '\'' : '"';
@@ -74,12 +16,16 @@ std::string Quote(const std::string& value) {
 
 bool ParseDataPath(const lys_module* module, std::string_view text, DataPath* out,
                    std::string* error) {
-  std::vector<Segment> segments;
-  if (!Split(text, &segments, error)) return false;
+  std::vector<KeypathSegment> segments;
+  if (!SplitKeypath(text, &segments, error)) return false;
   const lysc_node* parent = nullptr;
   *out = DataPath{};
   for (size_t s = 0; s < segments.size(); ++s) {
-    const Segment& seg = segments[s];
+    const KeypathSegment& seg = segments[s];
+    if (seg.positional) {
+      *error = "entries are named by their keys, as in " + seg.name + "{...}";
+      return false;
+    }
     const lysc_node* node = lys_find_child(parent, module, seg.name.c_str(), 0, 0, 0);
     if (!node || (node->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF))) {
       *error = "no node \"" + seg.name + "\" at " + (out->path.empty() ? "/" : out->path);

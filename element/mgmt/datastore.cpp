@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "element/mgmt/data_path.h"
+#include "element/mgmt/json_text.h"
 #include "element/mgmt/schema_info.h"
 #include "element/yang/module.h"
 
@@ -176,6 +177,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
       if (IsUnitList(child->schema)) candidate->entries[child->schema][EntryKey::Of(child)] = child;
     }
   }
+  DropUnchanged(candidate.get());
   return candidate;
 }
 
@@ -219,12 +221,18 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* err
       return nullptr;
     }
   } else {
-    // Copies of the running entries that the document merges into.
+    // Copies of the running entries that the document merges into. An entry the document
+    // repeats exactly changes nothing and is left out before it costs a copy.
     for (lyd_node* top = doc; top; top = top->next) {
-      for (lyd_node* child = lyd_child(top); child; child = child->next) {
+      for (lyd_node *child = lyd_child(top), *next; child; child = next) {
+        next = child->next;
         const Index& index = index_[child->schema];
         auto it = index.find(EntryKey::Of(child));
         if (it == index.end()) continue;
+        if (lyd_compare_single(it->second, child, LYD_COMPARE_FULL_RECURSION) == LY_SUCCESS) {
+          lyd_free_tree(child);
+          continue;
+        }
         lyd_node* parent = FindTop(&tree, module_, top->schema, true);
         lyd_dup_single(it->second, reinterpret_cast<lyd_node_inner*>(parent),
                        LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, nullptr);
@@ -258,7 +266,25 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* err
       candidate->entries[child->schema][EntryKey::Of(child)] = child;
     }
   }
+  DropUnchanged(candidate.get());
   return candidate;
+}
+
+void Datastore::DropUnchanged(Candidate* candidate) const {
+  for (auto& [list, entries] : candidate->entries) {
+    auto running = index_.find(list);
+    if (running == index_.end()) continue;
+    for (auto it = entries.begin(); it != entries.end();) {
+      auto old = running->second.find(it->first);
+      if (it->second && old != running->second.end() &&
+          lyd_compare_single(old->second, it->second, LYD_COMPARE_FULL_RECURSION) == LY_SUCCESS) {
+        lyd_free_tree(it->second);
+        it = entries.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
 }
 
 std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* error) {
@@ -329,23 +355,10 @@ void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
   if (running_) running_ = lyd_first_sibling(running_);
 }
 
-namespace {
-
-std::string PrintJson(const lyd_node* tree) {
-  if (!tree) return "{}";
-  char* text = nullptr;
-  lyd_print_mem(&text, tree, LYD_JSON, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
-  std::string out = text ? text : "{}";
-  free(text);
-  return out;
-}
-
-}  // namespace
-
 JournalRecord Datastore::Record(const Candidate& candidate) const {
   JournalRecord record;
   record.set_whole(candidate.whole);
-  record.set_json(PrintJson(candidate.tree));
+  record.set_json(PrintJson(candidate.tree, true));
   if (candidate.whole) return record;
   for (const auto& [list, entries] : candidate.entries) {
     auto running = index_.find(list);
@@ -445,12 +458,7 @@ void Datastore::Snapshot(Node* root) const {
 }
 
 std::string Datastore::RunningJson() const {
-  if (!running_) return "{}\n";
-  char* text = nullptr;
-  lyd_print_mem(&text, running_, LYD_JSON, LYD_PRINT_WITHSIBLINGS);
-  std::string out = text ? text : "{}\n";
-  free(text);
-  return out;
+  return PrintJson(running_);
 }
 
 }  // namespace pbr::mgmt

@@ -83,6 +83,9 @@ class Datastore {
   void Reindex();
   CommitError LastError(std::string_view fallback) const;
   std::unique_ptr<Candidate> PrepareWhole(lyd_node* tree, CommitError* error);
+  // Leaves out of a partial candidate the entries equal to their running versions, so that
+  // neither the journal nor the running tree spends work on them.
+  void DropUnchanged(Candidate* candidate) const;
 
   ly_ctx* ctx_;
   const lys_module* module_;

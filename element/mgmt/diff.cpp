@@ -82,6 +82,7 @@ void DiffWriter::Node(const lysc_node* schema, const lyd_node* oldFirst, const l
     }
   } else if (schema->nodetype == LYS_CONTAINER && (schema->flags & LYS_PRESENCE) && (!o || !n)) {
     const int index = Emit(n ? MOP_CREATED : MOP_DELETED, nullptr, nullptr);
+    OpenSubtree(index);
     if (n) Children(schema, nullptr, nullptr, lyd_child(n));
     CloseSubtree(index);
   } else {
@@ -125,6 +126,7 @@ void DiffWriter::Entry(const lyd_node* oldEntry, const lyd_node* newEntry) {
                          : !newEntry ? MOP_DELETED
                                      : MOP_MODIFIED,
                          nullptr, nullptr);
+  OpenSubtree(index);
   // A deleted entry is reported alone; a new or changed one with its changed children.
   if (newEntry) {
     Children(any->schema, nullptr, oldEntry ? lyd_child(oldEntry) : nullptr, lyd_child(newEntry));
@@ -157,15 +159,27 @@ void DiffWriter::LeafList(const lysc_node* schema, const lyd_node* oldFirst,
 
 int DiffWriter::Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue) {
   Change* change = out_->Add();
-  change->mutable_keypath()->Reserve(static_cast<int>(path_.size()));
-  for (const KeypathElement& e : path_) *change->add_keypath() = e;
+  const int index = out_->size() - 1;
+  // Only what lies below the enclosing change travels; the receiver knows the rest.
+  size_t from = 0;
+  if (!open_.empty()) {
+    from = open_.back().second;
+    change->set_enclosing(static_cast<uint32_t>(index - open_.back().first));
+  }
+  change->mutable_keypath()->Reserve(static_cast<int>(path_.size() - from));
+  for (size_t i = from; i < path_.size(); ++i) *change->add_keypath() = path_[i];
   change->set_op(op);
   if (oldValue) SetValue(oldValue, change->mutable_old_value());
   if (newValue) SetValue(newValue, change->mutable_new_value());
-  return out_->size() - 1;
+  return index;
+}
+
+void DiffWriter::OpenSubtree(int index) {
+  open_.emplace_back(index, path_.size());
 }
 
 void DiffWriter::CloseSubtree(int index) {
+  open_.pop_back();
   out_->Mutable(index)->set_descendants(static_cast<uint32_t>(out_->size() - index - 1));
 }
 

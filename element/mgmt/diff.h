@@ -21,8 +21,7 @@ class DiffWriter {
   explicit DiffWriter(Changes* out) : out_(out) {}
 
   // The changes between the children of two data nodes of schema `parent` (null: the
-  // top-level nodes of `module`); either side may be null (nothing there). `prefix` is the
-  // keypath of the parent, root-most first.
+  // top-level nodes of `module`); either side may be null (nothing there).
   void Children(const lysc_node* parent, const lysc_module* module, const lyd_node* oldFirst,
                 const lyd_node* newFirst);
 
@@ -40,10 +39,13 @@ class DiffWriter {
   void List(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
   void LeafList(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
   int Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue);
+  void OpenSubtree(int index);
   void CloseSubtree(int index);
 
   Changes* out_;
   std::vector<KeypathElement> path_;
+  // The reported changes whose subtrees are open: their index and the keypath length at them.
+  std::vector<std::pair<int, size_t>> open_;
 };
 
 }  // namespace pbr::mgmt

@@ -1,17 +1,18 @@
-// pbr-mgmtd: the element's management server. Runs until SIGTERM or SIGINT.
+// pbr-mgmtd: the element's management server. Logs to the element's log ($PBR_ELEMENT_LOG),
+// tells a service manager it is ready with sd_notify once its socket accepts connections, and
+// runs until SIGTERM or SIGINT.
 #include <signal.h>
-#include <spdlog/spdlog.h>
+#include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
-
-#include <cstdlib>
 
 #include "element/mgmt/running_file.h"
 #include "element/mgmt/server.h"
+#include "element/middleware/log.h"
+#include "element/middleware/loop.h"
 
 int main() {
-  const char* runtime = std::getenv("PBR_ELEMENT_RUNTIME_DIR");
   pbr::mgmt::ServerOptions options;
-  options.runtimeDir = runtime && *runtime ? runtime : "/run/pbr-element";
+  options.runtimeDir = vqmw::RuntimeDir();
   options.stateDir = pbr::mgmt::StateDir();
 
   sigset_t mask;
@@ -28,11 +29,12 @@ int main() {
   std::string error;
   auto server = pbr::mgmt::Server::Create(event, options, &error);
   if (!server) {
-    spdlog::critical("pbr-mgmtd: {}", error);
+    vqmw::Logger().critical("pbr-mgmtd: {}", error);
     sd_event_unref(event);
     return 1;
   }
-  spdlog::info("pbr-mgmtd: serving {}/mgmt.sock", options.runtimeDir);
+  vqmw::Logger().info("pbr-mgmtd: serving {}/mgmt.sock", options.runtimeDir);
+  sd_notify(0, "READY=1");
   const int r = sd_event_loop(event);
   server.reset();
   sd_event_unref(event);

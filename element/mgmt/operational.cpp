@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "element/mgmt/json_text.h"
 #include "element/yang/tags.h"
 #include "platform/confd_lib.h"
 
@@ -102,12 +103,7 @@ bool OperationalView::Add(const Value& key, const ObjectReply& reply, std::strin
 }
 
 std::string OperationalView::Json() const {
-  if (!tree_) return "{}\n";
-  char* text = nullptr;
-  lyd_print_mem(&text, tree_, LYD_JSON, LYD_PRINT_WITHSIBLINGS);
-  std::string out = text ? text : "{}\n";
-  free(text);
-  return out;
+  return PrintJson(tree_);
 }
 
 }  // namespace pbr::mgmt

@@ -95,7 +95,7 @@ bool RunningStore::Load(Datastore* store, std::string* error) {
   return true;
 }
 
-bool RunningStore::Commit(const JournalRecord& record, const Datastore& store, std::string* error) {
+bool RunningStore::Append(const JournalRecord& record, std::string* error) {
   if (journalFd_ < 0 && !OpenJournal(error)) return false;
   const std::string payload = record.SerializeAsString();
   std::string frame(kHeader, '\0');
@@ -121,9 +121,8 @@ bool RunningStore::Commit(const JournalRecord& record, const Datastore& store, s
     return false;
   }
   journalBytes_ += frame.size();
-  if (record.whole() || journalBytes_ > std::max(compactFrom_, snapshotBytes_)) {
-    return Compact(store, error);
-  }
+  compactionDue_ =
+      compactionDue_ || record.whole() || journalBytes_ > std::max(compactFrom_, snapshotBytes_);
   return true;
 }
 
@@ -138,6 +137,7 @@ bool RunningStore::Compact(const Datastore& store, std::string* error) {
   }
   journalBytes_ = 0;
   snapshotBytes_ = text.size();
+  compactionDue_ = false;
   return true;
 }
 

@@ -5,6 +5,7 @@
 // configuration, the configuration is rewritten and the journal emptied. Records hold absolute
 // states, so replaying one that the configuration already holds changes nothing, and a crash at
 // any moment leaves the old or the new configuration: a record torn by a crash is dropped.
+// Compaction is a separate step, so that the server can answer a commit before it.
 #pragma once
 
 #include <cstdint>
@@ -29,15 +30,20 @@ class RunningStore {
   // unreadable or invalid (the files are then left as they are).
   bool Load(Datastore* store, std::string* error);
 
-  // Makes a commit durable: appends its record, then compacts when due. `store` already
-  // holds the commit.
-  bool Commit(const JournalRecord& record, const Datastore& store, std::string* error);
+  // Makes a commit durable: appends its record and syncs it.
+  bool Append(const JournalRecord& record, std::string* error);
+
+  // Whether the journal has outgrown the configuration (or holds a whole configuration).
+  bool CompactionDue() const { return compactionDue_; }
+
+  // Rewrites running.json from `store`, which holds every appended commit, and empties the
+  // journal.
+  bool Compact(const Datastore& store, std::string* error);
 
   const std::string& path() const { return snapshot_.path(); }
 
  private:
   bool OpenJournal(std::string* error);
-  bool Compact(const Datastore& store, std::string* error);
 
   RunningFile snapshot_;
   std::string journalPath_;
@@ -45,6 +51,7 @@ class RunningStore {
   uint64_t compactFrom_;
   uint64_t journalBytes_ = 0;
   uint64_t snapshotBytes_ = 0;
+  bool compactionDue_ = false;
 };
 
 }  // namespace pbr::mgmt

@@ -2,7 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <spdlog/spdlog.h>
+#include <google/protobuf/arena.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -24,6 +24,7 @@
 #include "element/mgmt/operational.h"
 #include "element/mgmt/running_store.h"
 #include "element/mgmt/schema_info.h"
+#include "element/middleware/log.h"
 #include "element/yang/module.h"
 
 namespace pbr::mgmt {
@@ -55,6 +56,7 @@ struct Server::Impl {
   };
 
   struct Session {
+    Impl* server;
     uint64_t id;
     int fd = -1;
     sd_event_source* io = nullptr;
@@ -97,6 +99,7 @@ struct Server::Impl {
   SchemaInfo schemaInfo;
   std::unique_ptr<Datastore> store;
   std::unique_ptr<RunningStore> persisted;
+  sd_event_source* compaction = nullptr;
   std::vector<ResolvedBinding> bindings;
   int lockFd = -1;
   int listenFd = -1;
@@ -115,6 +118,7 @@ struct Server::Impl {
       sd_event_source_unref(session->io);
       ::close(session->fd);
     }
+    sd_event_source_unref(compaction);
     sd_event_source_unref(listenSource);
     if (listenFd >= 0) ::close(listenFd);
     if (lockFd >= 0) ::close(lockFd);
@@ -126,6 +130,7 @@ struct Server::Impl {
   static int OnAccept(sd_event_source*, int fd, uint32_t, void* userdata);
   static int OnSessionIo(sd_event_source*, int fd, uint32_t revents, void* userdata);
   static int OnAckTimeout(sd_event_source*, uint64_t, void* userdata);
+  static int OnCompact(sd_event_source*, void* userdata);
 
   void Accept();
   void HandleIo(Session& session, uint32_t revents);
@@ -222,7 +227,7 @@ void Server::Impl::Accept() {
     const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-        spdlog::warn("accept: {}", std::strerror(errno));
+        vqmw::Logger().warn("accept: {}", std::strerror(errno));
       }
       return;
     }
@@ -232,31 +237,25 @@ void Server::Impl::Accept() {
     socklen_t len = sizeof cred;
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 ||
         (cred.uid != 0 && cred.uid != ::geteuid() && cred.gid != ::getegid())) {
-      spdlog::warn("refused a client with uid {} gid {}", cred.uid, cred.gid);
+      vqmw::Logger().warn("refused a client with uid {} gid {}", cred.uid, cred.gid);
       ::close(fd);
       continue;
     }
     auto session = std::make_unique<Session>();
+    session->server = this;
     session->id = nextSession++;
     session->fd = fd;
     if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
       ::close(fd);
       continue;
     }
-    sd_event_source_set_userdata(session->io, this);
-    // The session is found by its fd on each event.
     sessions.emplace(session->id, std::move(session));
   }
 }
 
-int Server::Impl::OnSessionIo(sd_event_source* source, int fd, uint32_t revents, void* userdata) {
-  auto* impl = static_cast<Impl*>(userdata);
-  for (auto& [id, session] : impl->sessions) {
-    if (session->io == source && session->fd == fd) {
-      impl->HandleIo(*session, revents);
-      break;
-    }
-  }
+int Server::Impl::OnSessionIo(sd_event_source*, int, uint32_t revents, void* userdata) {
+  auto* session = static_cast<Session*>(userdata);
+  session->server->HandleIo(*session, revents);
   return 0;
 }
 
@@ -275,7 +274,7 @@ void Server::Impl::HandleIo(Session& session, uint32_t revents) {
       const FramedStream::Frame frame = session.stream.Next(&payload);
       if (frame == FramedStream::Frame::kIncomplete) break;
       if (frame == FramedStream::Frame::kOversized) {
-        spdlog::warn("session {}: message over {} bytes, closing", id, kMaxFrameSize);
+        vqmw::Logger().warn("session {}: message over {} bytes, closing", id, kMaxFrameSize);
         CommitError error{"message too large", ""};
         Respond(session, 0, &error);
         session.stream.WriteTo(session.fd);
@@ -333,7 +332,7 @@ void Server::Impl::Close(uint64_t sessionId) {
   sessions.erase(it);
   sd_event_source_unref(session->io);
   ::close(session->fd);
-  if (session->attached) spdlog::info("{} detached", session->app);
+  if (session->attached) vqmw::Logger().info("{} detached", session->app);
 
   std::vector<uint64_t> done;
   for (auto& [seqNo, pending] : commits) {
@@ -373,17 +372,10 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
     case ClientMessage::kDataReply:
       HandleDataReply(session, message.data_reply());
       return;
-    case ClientMessage::kEdit: {
-      auto candidate = store->Prepare(message.edit(), &error);
-      if (!candidate) {
-        Respond(session, request, &error);
-        return;
-      }
-      HandleCommit(session, request, std::move(candidate));
-      return;
-    }
+    case ClientMessage::kEdit:
     case ClientMessage::kLoad: {
-      auto candidate = store->Prepare(message.load(), &error);
+      auto candidate = message.has_edit() ? store->Prepare(message.edit(), &error)
+                                          : store->Prepare(message.load(), &error);
       if (!candidate) {
         Respond(session, request, &error);
         return;
@@ -444,14 +436,16 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
   session.app = attach.app_name();
   session.subscriptions = std::move(subscriptions);
   session.callpoints.assign(attach.callpoint().begin(), attach.callpoint().end());
-  spdlog::info("{} attached: {} subscriptions, {} callpoints", session.app,
-               session.subscriptions.size(), session.callpoints.size());
+  vqmw::Logger().info("{} attached: {} subscriptions, {} callpoints", session.app,
+                      session.subscriptions.size(), session.callpoints.size());
 
-  ServerMessage message;
-  AttachReply* reply = message.mutable_attach_reply();
+  // A snapshot is hundreds of thousands of small messages: an arena makes and frees them at once.
+  google::protobuf::Arena arena;
+  auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(&arena);
+  AttachReply* reply = message->mutable_attach_reply();
   reply->set_seq(seq);
   store->Snapshot(reply->mutable_root());
-  Send(session, message);
+  Send(session, *message);
 }
 
 namespace {
@@ -471,7 +465,11 @@ bool UnderPath(const Change& change, const std::vector<uint32_t>& tags) {
 
 void Server::Impl::HandleCommit(Session& session, uint64_t request,
                                 std::unique_ptr<Candidate> candidate) {
-  Changes changes;
+  // The changes of a bulk commit are many small messages: an arena makes them, and frees them
+  // once they are on their way, before the journal record is made.
+  auto arena = std::make_unique<google::protobuf::Arena>();
+  auto* all = google::protobuf::Arena::CreateMessage<SubscriptionChanges>(arena.get());
+  Changes& changes = *all->mutable_change();
   store->Diff(*candidate, &changes);
   const uint64_t seqNo = ++seq;
 
@@ -487,31 +485,56 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   PendingCommit pending{session.id, request, {}, nullptr};
   for (auto& [priority, subscriber] : order) {
-    ServerMessage message;
-    Commit* commit = message.mutable_commit();
+    auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(arena.get());
+    Commit* commit = message->mutable_commit();
     commit->set_seq(seqNo);
+    int whole = -1;  // a subscription that gets every change shares `all` instead of a copy
     for (size_t i = 0; i < subscriber->subscriptions.size(); ++i) {
-      SubscriptionChanges* touched = nullptr;
-      for (const Change& change : changes) {
-        if (!UnderPath(change, subscriber->subscriptions[i].tags)) continue;
-        if (!touched) {
-          touched = commit->add_subscription();
-          touched->set_subscription(static_cast<uint32_t>(i));
+      // A change with nothing enclosing it takes its subtree along: subscription paths end
+      // above list entries, so subtrees never straddle them.
+      std::vector<std::pair<int, int>> ranges;
+      int count = 0;
+      for (int c = 0; c < changes.size();) {
+        const int end = c + 1 + static_cast<int>(changes[c].descendants());
+        if (UnderPath(changes[c], subscriber->subscriptions[i].tags)) {
+          ranges.emplace_back(c, end);
+          count += end - c;
         }
-        *touched->add_change() = change;
+        c = end;
+      }
+      if (count == 0) continue;
+      if (count == changes.size() && whole < 0) {
+        whole = static_cast<int>(i);
+        continue;
+      }
+      SubscriptionChanges* touched = commit->add_subscription();
+      touched->set_subscription(static_cast<uint32_t>(i));
+      for (auto [from, to] : ranges) {
+        for (int c = from; c < to; ++c) *touched->add_change() = changes[c];
       }
     }
+    if (whole >= 0) {
+      all->set_subscription(static_cast<uint32_t>(whole));
+      commit->mutable_subscription()->UnsafeArenaAddAllocated(all);
+    }
     if (commit->subscription_size() == 0) continue;
-    Send(*subscriber, message);
+    Send(*subscriber, *message);  // serialises at once
+    // `all` goes back to serve the next subscriber.
+    if (whole >= 0) (void)commit->mutable_subscription()->UnsafeArenaReleaseLast();
     pending.waiting.insert(subscriber->id);
   }
+  arena.reset();
 
   const JournalRecord record = store->Record(*candidate);
   store->Apply(std::move(candidate));
   std::string why;
-  const bool saved = persisted->Commit(record, *store, &why);
+  const bool saved = persisted->Append(record, &why);
+  if (saved && persisted->CompactionDue() && !compaction) {
+    // Rewriting the whole configuration waits until the commit has been answered.
+    sd_event_add_defer(event, &compaction, OnCompact, this);
+  }
   if (!saved) {
-    spdlog::error("the running configuration is not saved: {}", why);
+    vqmw::Logger().error("the running configuration is not saved: {}", why);
     CommitError error{"committed, but not saved: " + why, ""};
     Respond(session, request, &error);
   }
@@ -522,17 +545,27 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
   sd_event_add_time_relative(
       event, &pending.timer, CLOCK_MONOTONIC,
       std::chrono::duration_cast<std::chrono::microseconds>(options.ackTimeout).count(), 0,
-      OnAckTimeout, reinterpret_cast<void*>(static_cast<uintptr_t>(seqNo)));
-  sd_event_source_set_userdata(pending.timer, this);
+      OnAckTimeout, this);
   commits.emplace(seqNo, std::move(pending));
+}
+
+int Server::Impl::OnCompact(sd_event_source*, void* userdata) {
+  auto* impl = static_cast<Impl*>(userdata);
+  impl->compaction = sd_event_source_unref(impl->compaction);
+  std::string why;
+  if (!impl->persisted->Compact(*impl->store, &why)) {
+    // The journal still holds every commit; the next commit tries again.
+    vqmw::Logger().error("cannot compact the running configuration: {}", why);
+  }
+  return 0;
 }
 
 int Server::Impl::OnAckTimeout(sd_event_source* source, uint64_t, void* userdata) {
   auto* impl = static_cast<Impl*>(userdata);
   for (auto& [seqNo, pending] : impl->commits) {
     if (pending.timer != source) continue;
-    spdlog::warn("commit {}: {} subscribers did not acknowledge in time", seqNo,
-                 pending.waiting.size());
+    vqmw::Logger().warn("commit {}: {} subscribers did not acknowledge in time", seqNo,
+                        pending.waiting.size());
     pending.waiting.clear();
     impl->FinishCommitIfDone(seqNo);
     break;

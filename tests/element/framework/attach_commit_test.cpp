@@ -40,7 +40,7 @@ class AttachCommitTest : public ::testing::Test {
 
   // Starts the server and the daemon's framework, and waits for the first attachment.
   void StartAll() {
-    ASSERT_TRUE(server_.Start()) << server_.output();
+    ASSERT_TRUE(server_.Start()) << env_.Log();
     app_ = std::make_unique<vqconfd::AppInterface>(
         mw_, vqmw_trace_register_category("framework-test"), "pbr-app",
         std::vector<vqconfd::ConfigHandler*>{config_.get()}, std::vector<vqconfd::ActionHandler*>{},
@@ -176,7 +176,7 @@ TEST_F(AttachCommitTest, TheSubscriberReattachesWhenTheServerReturns) {
   EXPECT_EQ(server_.Stop(), 0);
   ASSERT_TRUE(waiter_->Until([&] { return config_->events.back() == "ConfdDisconnected"; }));
 
-  ASSERT_TRUE(server_.Start()) << server_.output();
+  ASSERT_TRUE(server_.Start()) << env_.Log();
   ASSERT_TRUE(waiter_->Until([&] { return config_->attachments == 2; }));
   EXPECT_THAT(config_->rules, ElementsAre("id=3 prio=30"));
   EXPECT_THAT(std::vector<std::string>(config_->events.end() - 4, config_->events.end()),
@@ -188,7 +188,7 @@ TEST_F(AttachCommitTest, TheSubscriberReattachesWhenTheServerReturns) {
   ExpectOk(op_->Edit("/router/pbr{3}/rule/priority", "31"));
   op_.reset();
   server_.Stop(SIGKILL);
-  ASSERT_TRUE(server_.Start()) << server_.output();
+  ASSERT_TRUE(server_.Start()) << env_.Log();
   ASSERT_TRUE(waiter_->Until([&] { return config_->attachments == 3; }));
   EXPECT_THAT(config_->rules, ElementsAre("id=3 prio=31"));
 }

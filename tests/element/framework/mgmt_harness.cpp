@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,56 +23,52 @@ using pbr::mgmt::ClientMessage;
 using pbr::mgmt::Response;
 
 bool MgmtServer::Start() {
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return false;
+  // The server says it is ready as a service manager would hear it: on NOTIFY_SOCKET.
+  const std::string notifyPath = vqmw::RuntimeDir() + "/test-notify.sock";
+  unlink(notifyPath.c_str());
+  const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, notifyPath.c_str(), sizeof addr.sun_path - 1);
+  if (notify < 0 || bind(notify, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    if (notify >= 0) close(notify);
+    return false;
+  }
   pid_ = fork();
   if (pid_ == 0) {
-    dup2(fds[1], 1);
-    dup2(fds[1], 2);
+    setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     execl(PBR_MGMTD, PBR_MGMTD, static_cast<char*>(nullptr));
     _exit(127);
   }
-  close(fds[1]);
-  out_ = fds[0];
-  output_.clear();
-  // The server says so on its output once its socket accepts connections.
+  const int exited = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+  pollfd fds[2] = {{notify, POLLIN, 0}, {exited, POLLIN, 0}};
+  bool ready = false;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (output_.find("serving") == std::string::npos) {
+  while (!ready) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    pollfd p{out_, POLLIN, 0};
-    if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
-    char buf[4096];
-    const ssize_t n = read(out_, buf, sizeof buf);
-    if (n <= 0) return false;  // exited
-    output_.append(buf, static_cast<size_t>(n));
+    if (left.count() <= 0 || poll(fds, exited >= 0 ? 2 : 1, static_cast<int>(left.count())) <= 0 ||
+        (fds[1].revents & POLLIN)) {
+      break;
+    }
+    char buf[256] = {};
+    if (recv(notify, buf, sizeof buf - 1, 0) > 0 && std::strstr(buf, "READY=1")) ready = true;
   }
-  fcntl(out_, F_SETFL, O_NONBLOCK);
-  return true;
-}
-
-void MgmtServer::Drain() {
-  char buf[4096];
-  ssize_t n;
-  while (out_ >= 0 && (n = read(out_, buf, sizeof buf)) > 0) output_.append(buf, n);
+  close(notify);
+  if (exited >= 0) close(exited);
+  unlink(notifyPath.c_str());
+  if (!ready) Stop(SIGKILL);
+  return ready;
 }
 
 int MgmtServer::Stop(int signal) {
   if (pid_ <= 0) return -1;
   kill(pid_, signal);
   int status = 0;
-  // Keep its output flowing while it ends, so that it never blocks on a full pipe.
-  while (waitpid(pid_, &status, WNOHANG) == 0) {
-    pollfd p{out_, POLLIN, 0};
-    poll(&p, 1, 10);
-    Drain();
-  }
-  Drain();
-  close(out_);
-  out_ = -1;
+  waitpid(pid_, &status, 0);
   pid_ = -1;
   return status;
 }

@@ -21,22 +21,18 @@
 
 namespace pbrtest {
 
-// pbr-mgmtd in the current PBR_ELEMENT_* environment.
+// pbr-mgmtd in the current PBR_ELEMENT_* environment; its messages go to the element's log.
 class MgmtServer {
  public:
   ~MgmtServer() { Stop(SIGKILL); }
-  // Starts the server and waits (at most 10 s) until it serves its socket. False when it
-  // exited instead; `output()` then tells why.
+  // Starts the server and waits (at most 10 s) for its readiness notification. False when it
+  // exited or stayed silent instead.
   bool Start();
   // Sends `signal` and waits for the process to end; returns its exit status.
   int Stop(int signal = SIGTERM);
-  const std::string& output() const { return output_; }
 
  private:
-  void Drain();
   pid_t pid_ = -1;
-  int out_ = -1;
-  std::string output_;
 };
 
 // Runs the middleware loop until a condition holds: whoever records something calls Poke().

@@ -48,7 +48,10 @@ class RunningStoreTest : public ::testing::Test {
       ASSERT_TRUE(candidate) << bad.message;
       const JournalRecord record = store.Record(*candidate);
       store.Apply(std::move(candidate));
-      ASSERT_TRUE(files.Commit(record, store, &error)) << error;
+      ASSERT_TRUE(files.Append(record, &error)) << error;
+      if (files.CompactionDue()) {
+        ASSERT_TRUE(files.Compact(store, &error)) << error;
+      }
     }
     Datastore store;
     RunningStore files;
