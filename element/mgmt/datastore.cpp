@@ -1,5 +1,7 @@
 #include "element/mgmt/datastore.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <set>
 #include <utility>
 
@@ -57,6 +59,46 @@ CommitError Datastore::LastError(std::string_view fallback) const {
   return error;
 }
 
+CommitError Datastore::ValidationError(lyd_node* tree) const {
+  CommitError error = LastError("invalid configuration");
+  if (error.path.find('[') != std::string::npos) return error;
+  // libyang writes it as: Schema location "/pbr:router/pbr/rule/priority".
+  std::string_view schemaPath = error.path;
+  if (const size_t open = schemaPath.find('"'), close = schemaPath.rfind('"');
+      open != std::string_view::npos && close > open) {
+    schemaPath = schemaPath.substr(open + 1, close - open - 1);
+  }
+  // libyang names a missing node (a mandatory leaf) by its schema path. Find the list entry that
+  // fails on its own and name the node below it; this runs only for refused commits.
+  for (lyd_node* top = tree; top; top = top->next) {
+    for (lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
+      if (!IsUnitList(entry->schema)) continue;
+      char* listPath = lysc_path(entry->schema, LYSC_PATH_DATA, nullptr, 0);
+      const bool below = listPath && schemaPath.starts_with(listPath) &&
+                         schemaPath.size() > strlen(listPath) &&
+                         schemaPath[strlen(listPath)] == '/';
+      const size_t listPathLength = listPath ? strlen(listPath) : 0;
+      free(listPath);
+      if (!below) continue;  // the error is not about entries of this list
+      lyd_node* copy = nullptr;
+      // Without LYD_DUP_WITH_FLAGS: the copy is new to libyang, so it is validated in full.
+      if (lyd_dup_single(entry, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_PARENTS, &copy) !=
+          LY_SUCCESS) {
+        continue;
+      }
+      lyd_node* copyTop = TopOf(copy);
+      const LY_ERR r = lyd_validate_all(&copyTop, ctx_, LYD_VALIDATE_PRESENT, nullptr);
+      lyd_free_all(copyTop);
+      if (r == LY_SUCCESS) continue;
+      char* entryPath = lyd_path(entry, LYD_PATH_STD, nullptr, 0);
+      if (entryPath) error.path = entryPath + std::string(schemaPath.substr(listPathLength));
+      free(entryPath);
+      return error;
+    }
+  }
+  return error;
+}
+
 void Datastore::Reindex() {
   index_.clear();
   for (lyd_node* top = running_; top; top = top->next) {
@@ -103,8 +145,16 @@ bool ApplyOperation(ly_ctx* ctx, lyd_node** tree, const EditOperation& op, const
   const LY_ERR r = lyd_new_path(*tree, ctx, path.path.c_str(), term ? op.value().c_str() : nullptr,
                                 LYD_NEW_PATH_UPDATE, &created);
   if (r != LY_SUCCESS && r != LY_EEXIST) {
+    // When the error is about the node being set, the operator's path names it with its keys;
+    // libyang's names only the schema node. Otherwise (a bad key, say) libyang's path is the one.
     const ly_err_item* e = ly_err_last(ctx);
-    *error = {e && e->msg ? e->msg : "cannot set the node", e && e->path ? e->path : op.path()};
+    std::string where = e && e->path ? e->path : op.path();
+    char* target = lysc_path(path.target, LYSC_PATH_LOG, nullptr, 0);  // as libyang logs it
+    if (target && where.find('"' + std::string(target) + '"') != std::string::npos) {
+      where = op.path();
+    }
+    free(target);
+    *error = {e && e->msg ? e->msg : "cannot set the node", where};
     return false;
   }
   if (!*tree) *tree = TopOf(created);
@@ -168,7 +218,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
   }
   if (candidate->tree &&
       lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT, nullptr) != LY_SUCCESS) {
-    *error = LastError("invalid configuration");
+    *error = ValidationError(candidate->tree);
     return nullptr;
   }
   candidate->entries = std::move(deleted);
@@ -258,7 +308,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* err
   candidate->tree = tree;
   if (tree &&
       lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT, nullptr) != LY_SUCCESS) {
-    *error = LastError("invalid configuration");
+    *error = ValidationError(candidate->tree);
     return nullptr;
   }
   for (lyd_node* top = candidate->tree; top; top = top->next) {
@@ -293,7 +343,7 @@ std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* 
   candidate->tree = tree;
   if (lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE,
                        nullptr) != LY_SUCCESS) {
-    *error = LastError("invalid configuration");
+    *error = ValidationError(candidate->tree);
     return nullptr;
   }
   return candidate;

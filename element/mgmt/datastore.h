@@ -82,6 +82,8 @@ class Datastore {
   lyd_node* TopContainer(const lysc_node* schema) const;
   void Reindex();
   CommitError LastError(std::string_view fallback) const;
+  // The error of a failed validation of `tree`, its path naming the list entry at fault.
+  CommitError ValidationError(lyd_node* tree) const;
   std::unique_ptr<Candidate> PrepareWhole(lyd_node* tree, CommitError* error);
   // Leaves out of a partial candidate the entries equal to their running versions, so that
   // neither the journal nor the running tree spends work on them.
