@@ -16,6 +16,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <thread>
 
 #include "tests/element/cli/child_process.h"
 #include "tests/element/cli/fake_status_provider.h"
@@ -45,8 +46,13 @@ class CliE2e : public ::testing::Test {
  protected:
   void SetUp() override {
     server_ = std::make_unique<pbrtest::Child>(std::vector<std::string>{PBR_MGMTD_BIN});
-    ASSERT_TRUE(server_->WaitForOutput("serving", 20s))
-        << "server did not start: " << server_->out() << server_->err();
+    // The server logs to the element log once its socket accepts connections.
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (env_.Log().find("serving") == std::string::npos) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline)
+          << "server did not start: " << server_->out() << server_->err() << env_.Log();
+      std::this_thread::sleep_for(10ms);
+    }
   }
   void TearDown() override {
     if (!server_) return;
