@@ -23,6 +23,7 @@
 #include <google/protobuf/arena.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <map>
@@ -36,9 +37,12 @@
 #include "element/middleware/loop.h"
 #include "platform/vqconfd.h"
 
-#define FW_LOG(impl, ...)                                                                 \
-  zlog((impl)->category, __FILE__, sizeof(__FILE__) - 1, __func__, std::strlen(__func__), \
-       __LINE__, 10, __VA_ARGS__)
+#define FW_LOG_AT(impl, level, ...)                                          \
+  zlog((impl)->category, __FILE_NAME__, sizeof(__FILE_NAME__) - 1, __func__, \
+       std::strlen(__func__), __LINE__, level, __VA_ARGS__)
+#define FW_LOG(impl, ...) FW_LOG_AT(impl, 10, __VA_ARGS__)
+// Info level: what an operator (or a benchmark) follows without the daemon's trace records.
+constexpr int kInfoLevel = 40;
 
 namespace vqconfd {
 namespace {
@@ -261,6 +265,7 @@ void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
 
 void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
   FW_LOG(this, "attached to the management server");
+  const auto attached = std::chrono::steady_clock::now();
   const uint64_t gen = generation;
   const detail::CdbSnapshot snapshot(&reply.root());
   connectedReported = true;
@@ -282,6 +287,9 @@ void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
     return;
   }
   retry = kFirstRetry;
+  FW_LOG_AT(this, kInfoLevel, "initial configuration read and applied in %.1f ms",
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - attached)
+                .count());
   Ack(reply.seq());
 }
 
