@@ -1,0 +1,80 @@
+// The operator's command language of pbr-cli: the words of a command line (from argv, or split
+// from a line of the interactive shell) turned into one command. Parsing touches nothing; the
+// session carries the command out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "element/mgmt/mgmt.pb.h"
+
+namespace pbr::cli {
+
+struct ShowRunning {
+  bool json = false;
+};
+
+struct ShowPbr {
+  std::optional<uint32_t> id;  // empty: every rule
+  bool json = false;
+};
+
+struct ShowCandidate {};
+
+// One or more set/delete operations, committed as one (one-shot form) or added to the
+// candidate (shell).
+struct EditCommand {
+  std::vector<mgmt::EditOperation> operations;
+};
+
+struct LoadCommand {
+  mgmt::Load::Mode mode = mgmt::Load::MERGE;
+  mgmt::Load::Format format = mgmt::Load::JSON;
+  std::string file;
+};
+
+struct Commit {};
+struct Discard {};
+struct Help {};
+struct Exit {};
+
+using Command = std::variant<ShowRunning, ShowPbr, ShowCandidate, EditCommand, LoadCommand, Commit,
+                             Discard, Help, Exit>;
+
+// Where a command is given: the one-shot form commits each edit at once; the shell collects
+// edits in a candidate and knows commit, discard, show candidate and exit.
+enum class Context { kOneShot, kShell };
+
+struct ParseResult {
+  std::optional<Command> command;  // empty with `error` set when the words are not a command
+  std::string error;
+};
+
+ParseResult Parse(std::span<const std::string> words, Context context);
+
+// Splits a shell line into words: blanks separate words; "..." groups with \" and \\ escapes,
+// '...' groups literally; a {...} key block of a path is kept whole, quotes included, for the
+// server's path syntax. A line whose first word starts with # is a comment (no words). False
+// with *error on an unterminated quote or brace.
+bool SplitWords(std::string_view line, std::vector<std::string>* words, std::string* error);
+
+// A value as the shell reads it back: bare when it is a plain word, else double-quoted.
+std::string QuoteWord(std::string_view value);
+
+// A key as the path syntax takes it inside braces: double-quoted when it holds a blank or a
+// brace.
+std::string QuoteKey(std::string_view key);
+
+// The edit operation as a shell command ("set PATH VALUE", "delete PATH").
+std::string FormatOperation(const mgmt::EditOperation& operation);
+
+// Help texts: the one-shot usage and the shell's commands.
+std::string_view UsageText();
+std::string_view ShellHelpText();
+
+}  // namespace pbr::cli

@@ -1,0 +1,108 @@
+#include "element/cli/config_tree.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "element/cli/command.h"
+
+namespace pbr::cli {
+namespace {
+
+bool IsNumeric(const lysc_node* schema) {
+  const LY_DATA_TYPE type = reinterpret_cast<const lysc_node_leaf*>(schema)->type->basetype;
+  return type >= LY_TYPE_UINT8 && type <= LY_TYPE_INT64;
+}
+
+// Canonical integers: the sign, then the number of digits, then the digits decide.
+bool NumericLess(std::string_view a, std::string_view b) {
+  const bool negA = a.starts_with('-'), negB = b.starts_with('-');
+  if (negA != negB) return negA;
+  if (negA) std::swap(a, b);
+  if (a.size() != b.size()) return a.size() < b.size();
+  return a < b;
+}
+
+bool KeysLess(const lyd_node* a, const lyd_node* b) {
+  const lyd_node* ka = lyd_child(a);
+  const lyd_node* kb = lyd_child(b);
+  for (; ka && kb && lysc_is_key(ka->schema); ka = ka->next, kb = kb->next) {
+    const std::string_view va = lyd_get_value(ka), vb = lyd_get_value(kb);
+    if (va == vb) continue;
+    return IsNumeric(ka->schema) ? NumericLess(va, vb) : va < vb;
+  }
+  return false;
+}
+
+void AppendNode(const lyd_node* node, size_t depth, std::string* out);
+
+void AppendChildren(const lyd_node* first, size_t depth, std::string* out) {
+  std::vector<const lyd_node*> entries;
+  for (const lyd_node* child = first; child;) {
+    if (!child->schema || lysc_is_key(child->schema)) {
+      child = child->next;
+      continue;
+    }
+    if (child->schema->nodetype != LYS_LIST) {
+      AppendNode(child, depth, out);
+      child = child->next;
+      continue;
+    }
+    // The instances of one list are siblings in a row; they are shown in key order.
+    entries.clear();
+    const lysc_node* schema = child->schema;
+    for (; child && child->schema == schema; child = child->next) entries.push_back(child);
+    std::sort(entries.begin(), entries.end(), KeysLess);
+    for (const lyd_node* entry : entries) AppendNode(entry, depth, out);
+  }
+}
+
+void AppendNode(const lyd_node* node, size_t depth, std::string* out) {
+  out->append(depth * 2, ' ');
+  out->append(node->schema->name);
+  switch (node->schema->nodetype) {
+    case LYS_LEAF:
+      out->push_back(' ');
+      out->append(QuoteWord(lyd_get_value(node)));
+      break;
+    case LYS_LEAFLIST:
+      out->append("{" + QuoteKey(lyd_get_value(node)) + "}");
+      break;
+    case LYS_LIST: {
+      out->push_back('{');
+      bool first = true;
+      for (const lyd_node* key = lyd_child(node); key && lysc_is_key(key->schema);
+           key = key->next) {
+        if (!first) out->push_back(' ');
+        out->append(QuoteKey(lyd_get_value(key)));
+        first = false;
+      }
+      out->push_back('}');
+      break;
+    }
+    default:
+      break;
+  }
+  out->push_back('\n');
+  AppendChildren(lyd_child(node), depth + 1, out);
+}
+
+}  // namespace
+
+bool FormatConfigTree(ly_ctx* ctx, std::string_view json, std::string* out, std::string* error) {
+  ly_err_clean(ctx, nullptr);
+  lyd_node* tree = nullptr;
+  const std::string text(json);  // libyang reads a NUL-terminated string
+  if (lyd_parse_data_mem(ctx, text.c_str(), LYD_JSON, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0,
+                         &tree) != LY_SUCCESS) {
+    const ly_err_item* e = ly_err_last(ctx);
+    *error = "the running configuration does not fit the schema: " +
+             std::string(e && e->msg ? e->msg : "unreadable");
+    lyd_free_siblings(tree);
+    return false;
+  }
+  AppendChildren(tree, 0, out);
+  lyd_free_siblings(tree);
+  return true;
+}
+
+}  // namespace pbr::cli

@@ -1,0 +1,73 @@
+// Carries out operator commands against the management server and prints their results: the
+// one-shot form runs one command, the shell runs one after another in the same session and
+// keeps its candidate here. Data goes to `out`, refusals and failures to `err`, each as one
+// "error: PATH: REASON" line. Used on the process's one thread.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "element/cli/client.h"
+#include "element/cli/command.h"
+#include "element/yang/module.h"
+
+namespace pbr::cli {
+
+// The exit status of pbr-cli and of each command.
+enum ExitStatus : int {
+  kExitOk = 0,
+  kExitFailed = 1,       // refused by the server, or its input could not be read
+  kExitUsage = 2,        // not a valid command
+  kExitUnreachable = 3,  // the server cannot be reached or did not answer in time
+};
+
+struct SessionOptions {
+  std::string socketPath;
+  std::chrono::milliseconds timeout{30000};
+};
+
+class Session {
+ public:
+  Session(SessionOptions options, std::ostream& out, std::ostream& err);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Runs one command and returns its exit status. In the shell, set and delete add to the
+  // candidate, which commit sends and discard drops.
+  int Run(const Command& command, Context context);
+
+  const std::vector<mgmt::EditOperation>& candidate() const { return candidate_; }
+  bool exitRequested() const { return exitRequested_; }
+
+ private:
+  // Sends one request, connecting first when there is no connection. Prints the failure and
+  // returns its status when there is no answer; kExitOk otherwise, the answer in *response.
+  int Call(mgmt::ClientMessage request, mgmt::Response* response);
+  // Prints a refusal and returns kExitFailed; kExitOk for an accepted answer. `file`: the
+  // refused input was this file.
+  int Refusal(const mgmt::Response& response, std::string_view file = {});
+  // The schema, loaded on first use; null (reported once) when it cannot be loaded.
+  ly_ctx* Schema();
+
+  int ShowRunningConfig(const ShowRunning& show);
+  int ShowStatus(const ShowPbr& show);
+  int CommitEdit(const std::vector<mgmt::EditOperation>& operations);
+  int LoadFile(const LoadCommand& load);
+  int ShowCandidateChanges();
+
+  SessionOptions options_;
+  std::ostream& out_;
+  std::ostream& err_;
+  std::unique_ptr<MgmtClient> client_;  // connected on first use, dropped when broken
+  yang::Context schema_;                // for trees and error paths
+  bool schemaFailed_ = false;
+  std::vector<mgmt::EditOperation> candidate_;
+  bool exitRequested_ = false;
+};
+
+}  // namespace pbr::cli

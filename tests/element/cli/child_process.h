@@ -1,0 +1,55 @@
+// A program run by a test as a child process: its stdin fed from a string, its stdout and stderr
+// collected, every wait bounded. The child inherits the test's environment (ElementEnv).
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace pbrtest {
+
+struct ChildResult {
+  int status = -1;  // exit status; 128 + signal when killed by one
+  bool timedOut = false;
+  std::string out;
+  std::string err;
+};
+
+class Child {
+ public:
+  // Starts `argv` (argv[0] a path); `input` is written to its stdin, which is then closed.
+  Child(std::vector<std::string> argv, std::string input = {});
+  ~Child();  // kills a child still running
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  // Reads output until `text` appears on stdout or stderr; false after `timeout` or when the
+  // child ends first.
+  bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout);
+
+  // Collects the output until the child ends, killing it after `timeout`. While waiting,
+  // `onReadable` is called whenever `extraFd` has input (a fake peer the child talks to).
+  ChildResult Finish(std::chrono::milliseconds timeout, int extraFd = -1,
+                     const std::function<void()>& onReadable = {});
+
+  void Signal(int signal);
+  const std::string& out() const { return out_; }
+  const std::string& err() const { return err_; }
+
+ private:
+  // Polls the pipes (and extraFd) once for at most `wait`; false when both pipes are closed.
+  bool Pump(std::chrono::milliseconds wait, int extraFd, const std::function<void()>& onReadable);
+
+  int pid_ = -1;
+  int in_ = -1, out_fd_ = -1, err_fd_ = -1;
+  std::string input_;
+  size_t inputOffset_ = 0;
+  std::string out_, err_;
+};
+
+// Runs `argv` to its end within `timeout`.
+ChildResult RunChild(std::vector<std::string> argv, std::string input = {},
+                     std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+}  // namespace pbrtest

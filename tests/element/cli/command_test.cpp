@@ -1,0 +1,179 @@
+// The command language: what operators type, in the one-shot form and in the shell.
+#include "element/cli/command.h"
+
+#include <gtest/gtest.h>
+
+#include "element/cli/invocation.h"
+
+namespace pbr::cli {
+namespace {
+
+using Words = std::vector<std::string>;
+
+ParseResult ParseOneShot(const Words& words) {
+  return Parse(words, Context::kOneShot);
+}
+
+template <class T>
+T As(const ParseResult& r) {
+  EXPECT_TRUE(r.command.has_value()) << r.error;
+  EXPECT_TRUE(r.command && std::holds_alternative<T>(*r.command));
+  return r.command && std::holds_alternative<T>(*r.command) ? std::get<T>(*r.command) : T{};
+}
+
+TEST(CommandShow, RunningAndOperationalViewsWithTheirOptions) {
+  EXPECT_FALSE(As<ShowRunning>(ParseOneShot({"show", "running"})).json);
+  EXPECT_TRUE(As<ShowRunning>(ParseOneShot({"show", "running", "--json"})).json);
+
+  const ShowPbr all = As<ShowPbr>(ParseOneShot({"show", "pbr"}));
+  EXPECT_FALSE(all.id.has_value());
+  EXPECT_FALSE(all.json);
+  const ShowPbr one = As<ShowPbr>(ParseOneShot({"show", "pbr", "--json", "4294967295"}));
+  EXPECT_EQ(one.id, 4294967295u);
+  EXPECT_TRUE(one.json);
+}
+
+TEST(CommandShow, RefusesWhatItCannotShow) {
+  for (const Words& words : std::vector<Words>{{"show"},
+                                               {"show", "pbr", "x7"},
+                                               {"show", "pbr", "-1"},
+                                               {"show", "pbr", "4294967296"},
+                                               {"show", "pbr", "1", "2"},
+                                               {"show", "running", "extra"},
+                                               {"show", "running", "--xml"},
+                                               {"show", "candidate"},
+                                               {"show", "everything"}}) {
+    const ParseResult r = ParseOneShot(words);
+    EXPECT_FALSE(r.command.has_value()) << words.back();
+    EXPECT_FALSE(r.error.empty());
+  }
+}
+
+TEST(CommandEdit, SetsAndDeletesChainedIntoOneCommit) {
+  const EditCommand edit = As<EditCommand>(ParseOneShot(
+      {"set", "/router/pbr{7}/rule/priority", "10", "--", "set",
+       "/router/pbr{7}/rule/match/interface{eth1}", "--", "delete", "/router/pbr{8}"}));
+  ASSERT_EQ(edit.operations.size(), 3u);
+  EXPECT_EQ(edit.operations[0].kind(), mgmt::EditOperation::SET);
+  EXPECT_EQ(edit.operations[0].path(), "/router/pbr{7}/rule/priority");
+  EXPECT_EQ(edit.operations[0].value(), "10");
+  EXPECT_EQ(edit.operations[1].value(), "");  // creates the leaf-list entry
+  EXPECT_EQ(edit.operations[2].kind(), mgmt::EditOperation::DELETE);
+  EXPECT_EQ(edit.operations[2].path(), "/router/pbr{8}");
+}
+
+TEST(CommandEdit, RefusesMalformedChains) {
+  for (const Words& words : std::vector<Words>{{"set"},
+                                               {"set", "/a", "b", "c"},
+                                               {"delete"},
+                                               {"delete", "/a", "b"},
+                                               {"set", "router/pbr{7}/rule/priority", "1"},
+                                               {"set", "/a", "1", "--"},
+                                               {"set", "/a", "1", "--", "show", "running"},
+                                               {"set", "/a", "1", "--", "--", "delete", "/b"}}) {
+    EXPECT_FALSE(ParseOneShot(words).command.has_value()) << ::testing::PrintToString(words);
+  }
+}
+
+TEST(CommandLoad, FormatFromTheExtensionOrTheOption) {
+  const LoadCommand json = As<LoadCommand>(ParseOneShot({"load", "merge", "rules.json"}));
+  EXPECT_EQ(json.mode, mgmt::Load::MERGE);
+  EXPECT_EQ(json.format, mgmt::Load::JSON);
+  EXPECT_EQ(json.file, "rules.json");
+
+  const LoadCommand xml = As<LoadCommand>(ParseOneShot({"load", "replace", "/tmp/rules.xml"}));
+  EXPECT_EQ(xml.mode, mgmt::Load::REPLACE);
+  EXPECT_EQ(xml.format, mgmt::Load::XML);
+
+  const LoadCommand given =
+      As<LoadCommand>(ParseOneShot({"load", "merge", "--format", "xml", "rules.json"}));
+  EXPECT_EQ(given.format, mgmt::Load::XML);
+
+  EXPECT_FALSE(ParseOneShot({"load", "merge", "rules.txt"}).command);
+  EXPECT_FALSE(ParseOneShot({"load", "merge", "rules.txt", "--format", "yaml"}).command);
+  EXPECT_FALSE(ParseOneShot({"load", "update", "rules.json"}).command);
+  EXPECT_FALSE(ParseOneShot({"load", "merge"}).command);
+  EXPECT_FALSE(ParseOneShot({"load", "merge", "rules.json", "--format"}).command);
+}
+
+TEST(CommandContext, ShellCommandsExistOnlyInTheShell) {
+  for (const char* verb : {"commit", "discard", "exit", "quit"}) {
+    EXPECT_FALSE(ParseOneShot({verb}).command.has_value()) << verb;
+    EXPECT_TRUE(Parse(Words{verb}, Context::kShell).command.has_value()) << verb;
+    EXPECT_FALSE(Parse(Words{verb, "now"}, Context::kShell).command.has_value()) << verb;
+  }
+  As<ShowCandidate>(Parse(Words{"show", "candidate"}, Context::kShell));
+  As<Help>(ParseOneShot({"--help"}));
+  As<Help>(Parse(Words{"help"}, Context::kShell));
+  EXPECT_FALSE(Parse(Words{"--help"}, Context::kShell).command.has_value());
+  EXPECT_FALSE(ParseOneShot({"bogus"}).command.has_value());
+}
+
+Words Split(std::string_view line) {
+  Words words;
+  std::string error;
+  EXPECT_TRUE(SplitWords(line, &words, &error)) << error;
+  return words;
+}
+
+TEST(ShellWords, QuotesGroupAndKeyBlocksStayWhole) {
+  EXPECT_EQ(Split("  set /router/pbr{7}/rule/priority\t10 "),
+            (Words{"set", "/router/pbr{7}/rule/priority", "10"}));
+  EXPECT_EQ(Split(R"(set /d "two words" )"), (Words{"set", "/d", "two words"}));
+  EXPECT_EQ(Split(R"(set /d "say \"hi\" \\o/")"), (Words{"set", "/d", R"(say "hi" \o/)"}));
+  EXPECT_EQ(Split(R"(set /d 'a "b" \c')"), (Words{"set", "/d", R"(a "b" \c)"}));
+  EXPECT_EQ(Split(R"(set /d "")"), (Words{"set", "/d", ""}));
+  EXPECT_EQ(Split(R"(delete /router/pbr{7}/rule/match/interface{"eth 1"})"),
+            (Words{"delete", R"(/router/pbr{7}/rule/match/interface{"eth 1"})"}));
+  EXPECT_EQ(Split("   # a comment"), Words{});
+  EXPECT_EQ(Split("set /d #5"), (Words{"set", "/d", "#5"}));
+
+  Words words;
+  std::string error;
+  for (const char* bad : {R"(set /d "open)", "set /d 'open", "delete /router/pbr{7"}) {
+    EXPECT_FALSE(SplitWords(bad, &words, &error)) << bad;
+    EXPECT_FALSE(error.empty());
+  }
+}
+
+TEST(ShellWords, ACandidateChangeReadsBackAsTheSameChange) {
+  for (const std::string value :
+       {"10", "two words", R"(with "quotes" and \ )", "", "#hash", "{braces}", "it's"}) {
+    mgmt::EditOperation op;
+    op.set_path("/router/pbr{7}/rule/description");
+    op.set_value(value);
+    const EditCommand back = As<EditCommand>(Parse(Split(FormatOperation(op)), Context::kShell));
+    ASSERT_EQ(back.operations.size(), 1u);
+    EXPECT_EQ(back.operations[0].value(), value) << FormatOperation(op);
+  }
+  mgmt::EditOperation del;
+  del.set_kind(mgmt::EditOperation::DELETE);
+  del.set_path("/router/pbr{7}");
+  EXPECT_EQ(FormatOperation(del), "delete /router/pbr{7}");
+}
+
+TEST(Invocation, TimeoutBeforeTheCommand) {
+  const Invocation shell = ParseInvocation({});
+  EXPECT_FALSE(shell.command.has_value());
+  EXPECT_TRUE(shell.error.empty());
+  EXPECT_EQ(shell.timeout, std::chrono::seconds(30));
+
+  const Invocation timed = ParseInvocation({"--timeout", "1.5", "show", "running"});
+  EXPECT_TRUE(timed.error.empty()) << timed.error;
+  EXPECT_EQ(timed.timeout, std::chrono::milliseconds(1500));
+  ASSERT_TRUE(timed.command.has_value());
+  EXPECT_TRUE(std::holds_alternative<ShowRunning>(*timed.command));
+  EXPECT_EQ(ParseInvocation({"--timeout=2"}).timeout, std::chrono::seconds(2));
+
+  for (const Words& bad : std::vector<Words>{{"--timeout"},
+                                             {"--timeout", "0"},
+                                             {"--timeout", "-3", "show", "pbr"},
+                                             {"--timeout", "soon"},
+                                             {"--timeoutx"},
+                                             {"show", "nothing"}}) {
+    EXPECT_FALSE(ParseInvocation(bad).error.empty()) << ::testing::PrintToString(bad);
+  }
+}
+
+}  // namespace
+}  // namespace pbr::cli
