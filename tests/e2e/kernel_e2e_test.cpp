@@ -100,6 +100,7 @@ class KernelE2e : public ::testing::Test {
   void RestartApp() {
     app_->Signal(SIGTERM);
     const ChildResult end = app_->Finish(10s);
+    app_.reset();
     ASSERT_EQ(end.status, 0) << end.out << end.err;
     app_ = InRouter(PBR_APP_BIN);
   }
