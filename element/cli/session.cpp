@@ -33,28 +33,14 @@ int Session::Run(const Command& command, Context context) {
                         [&](const ShowPbr& c) { return ShowStatus(c); },
                         [&](const ShowCandidate&) { return ShowCandidateChanges(); },
                         [&](const EditCommand& c) {
-                          if (!shell) return CommitEdit(c.operations);
-                          candidate_.insert(candidate_.end(), c.operations.begin(),
-                                            c.operations.end());
-                          return int{kExitOk};
+                          return shell ? AddToCandidate(c) : CommitEdit(c.operations);
                         },
                         [&](const LoadCommand& c) {
                           const int status = LoadFile(c);
                           if (status == kExitOk && shell) out_ << "committed" << std::endl;
                           return status;
                         },
-                        [&](const Commit&) {
-                          if (candidate_.empty()) {
-                            out_ << "nothing to commit" << std::endl;
-                            return int{kExitOk};
-                          }
-                          const int status = CommitEdit(candidate_);
-                          if (status == kExitOk) {
-                            candidate_.clear();
-                            out_ << "committed" << std::endl;
-                          }
-                          return status;
-                        },
+                        [&](const Commit&) { return CommitCandidate(); },
                         [&](const Discard&) {
                           candidate_.clear();
                           return int{kExitOk};
@@ -69,6 +55,25 @@ int Session::Run(const Command& command, Context context) {
                         },
                     },
                     command);
+}
+
+int Session::AddToCandidate(const EditCommand& edit) {
+  candidate_.insert(candidate_.end(), edit.operations.begin(), edit.operations.end());
+  return kExitOk;
+}
+
+int Session::CommitCandidate() {
+  if (candidate_.empty()) {
+    out_ << "nothing to commit" << std::endl;
+    return kExitOk;
+  }
+  // A refused candidate stays, to be corrected or discarded.
+  const int status = CommitEdit(candidate_);
+  if (status == kExitOk) {
+    candidate_.clear();
+    out_ << "committed" << std::endl;
+  }
+  return status;
 }
 
 int Session::Call(mgmt::ClientMessage request, mgmt::Response* response) {

@@ -57,6 +57,8 @@ class Session {
   int ShowRunningConfig(const ShowRunning& show);
   int ShowStatus(const ShowPbr& show);
   int CommitEdit(const std::vector<mgmt::EditOperation>& operations);
+  int AddToCandidate(const EditCommand& edit);
+  int CommitCandidate();
   int LoadFile(const LoadCommand& load);
   int ShowCandidateChanges();
 

@@ -329,6 +329,65 @@ void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
   if (running_) running_ = lyd_first_sibling(running_);
 }
 
+namespace {
+
+std::string PrintJson(const lyd_node* tree) {
+  if (!tree) return "{}";
+  char* text = nullptr;
+  lyd_print_mem(&text, tree, LYD_JSON, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
+  std::string out = text ? text : "{}";
+  free(text);
+  return out;
+}
+
+}  // namespace
+
+JournalRecord Datastore::Record(const Candidate& candidate) const {
+  JournalRecord record;
+  record.set_whole(candidate.whole);
+  record.set_json(PrintJson(candidate.tree));
+  if (candidate.whole) return record;
+  for (const auto& [list, entries] : candidate.entries) {
+    auto running = index_.find(list);
+    if (running == index_.end()) continue;
+    for (const auto& [key, entry] : entries) {
+      auto old = running->second.find(key);
+      if (entry || old == running->second.end()) continue;
+      char* path = lyd_path(old->second, LYD_PATH_STD, nullptr, 0);
+      if (path) record.add_deleted(path);
+      free(path);
+    }
+  }
+  return record;
+}
+
+bool Datastore::Replay(const JournalRecord& record, CommitError* error) {
+  if (record.whole()) return LoadRunning(record.json(), error);
+  ly_err_clean(ctx_, nullptr);
+  auto candidate = std::make_unique<Candidate>();
+  // The entries were valid when committed; parsing validates them again, which also marks them
+  // as validated for later commits.
+  if (lyd_parse_data_mem(
+          ctx_, record.json().c_str(), LYD_JSON, LYD_PARSE_STRICT | LYD_PARSE_NO_STATE,
+          LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE, &candidate->tree) != LY_SUCCESS) {
+    *error = LastError("cannot parse a journal record");
+    return false;
+  }
+  for (const std::string& path : record.deleted()) {
+    lyd_node* old = nullptr;
+    if (running_ && lyd_find_path(running_, path.c_str(), 0, &old) == LY_SUCCESS) {
+      candidate->entries[old->schema][EntryKey::Of(old)] = nullptr;
+    }
+  }
+  for (lyd_node* top = candidate->tree; top; top = top->next) {
+    for (lyd_node* child = lyd_child(top); child; child = child->next) {
+      candidate->entries[child->schema][EntryKey::Of(child)] = child;
+    }
+  }
+  Apply(std::move(candidate));
+  return true;
+}
+
 std::vector<const lyd_node*> Datastore::Entries(const lysc_node* list) const {
   std::vector<const lyd_node*> out;
   auto it = index_.find(list);

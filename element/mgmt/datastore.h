@@ -15,6 +15,7 @@
 
 #include "element/mgmt/diff.h"
 #include "element/mgmt/entry_key.h"
+#include "element/mgmt/journal.pb.h"
 #include "element/mgmt/mgmt.pb.h"
 
 namespace pbr::mgmt {
@@ -59,6 +60,11 @@ class Datastore {
 
   // Makes the candidate the running configuration.
   void Apply(std::unique_ptr<Candidate> candidate);
+
+  // What the journal keeps of a candidate: taken before Apply.
+  JournalRecord Record(const Candidate& candidate) const;
+  // Applies a journal record to the running configuration, at start-up.
+  bool Replay(const JournalRecord& record, CommitError* error);
 
   // The running configuration as a tree, lists in key order.
   void Snapshot(Node* root) const;

@@ -72,7 +72,7 @@ bool OperationalView::Add(const Value& key, const ObjectReply& reply, std::strin
     }
     if (type == C_NOEXISTS) continue;
     const lysc_node* schema =
-        lys_find_child(stack.back()->schema, stack.back()->schema->module, name.c_str(), 0, 0, 0);
+        lys_find_child(stack.back()->schema, list_->module, name.c_str(), 0, 0, 0);
     if (!schema) {
       *error = "no leaf " + name;
       ok = false;

@@ -22,7 +22,7 @@
 #include "element/mgmt/datastore.h"
 #include "element/mgmt/framing.h"
 #include "element/mgmt/operational.h"
-#include "element/mgmt/running_file.h"
+#include "element/mgmt/running_store.h"
 #include "element/mgmt/schema_info.h"
 #include "element/yang/module.h"
 
@@ -96,7 +96,7 @@ struct Server::Impl {
   pbr::yang::Context ctx;
   SchemaInfo schemaInfo;
   std::unique_ptr<Datastore> store;
-  std::unique_ptr<RunningFile> file;
+  std::unique_ptr<RunningStore> persisted;
   std::vector<ResolvedBinding> bindings;
   int lockFd = -1;
   int listenFd = -1;
@@ -168,16 +168,8 @@ bool Server::Impl::Init(std::string* error) {
     bindings.push_back(std::move(resolved));
   }
 
-  file = std::make_unique<RunningFile>(options.stateDir);
-  std::optional<std::string> stored = file->Read(error);
-  if (!error->empty()) return false;
-  if (stored) {
-    CommitError bad;
-    if (!store->LoadRunning(*stored, &bad)) {
-      *error = file->path() + ": " + bad.message + (bad.path.empty() ? "" : " (" + bad.path + ")");
-      return false;
-    }
-  }
+  persisted = std::make_unique<RunningStore>(options.stateDir);
+  if (!persisted->Load(store.get(), error)) return false;
   return Listen(error);
 }
 
@@ -514,9 +506,10 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
     pending.waiting.insert(subscriber->id);
   }
 
+  const JournalRecord record = store->Record(*candidate);
   store->Apply(std::move(candidate));
   std::string why;
-  const bool saved = file->Write(store->RunningJson(), &why);
+  const bool saved = persisted->Commit(record, *store, &why);
   if (!saved) {
     spdlog::error("the running configuration is not saved: {}", why);
     CommitError error{"committed, but not saved: " + why, ""};

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <map>
 #include <memory>
 
 #include "tests/element/cli/child_process.h"
@@ -319,6 +321,43 @@ TEST_F(CliE2e, OperationalViewAsTableAndJson) {
   EXPECT_EQ(unknown.status, kRefused);
   EXPECT_EQ(unknown.out, "");
   EXPECT_EQ(unknown.err, "error: no rule 99\n");
+}
+
+// The scale the element is built for. Slow to set up (the server validates 65,536 rules), so run
+// on demand: --gtest_also_run_disabled_tests --gtest_filter='*65536*'.
+TEST_F(CliE2e, DISABLED_OperationalViewOf65536RulesWithinTwoSeconds) {
+  constexpr uint32_t kRules = 65536;
+  std::string json = R"({"pbr:router": {"pbr": [)";
+  std::map<uint32_t, pbrtest::FakeRuleStatus> rules;
+  for (uint32_t id = 0; id < kRules; ++id) {
+    const std::string source =
+        "10." + std::to_string(id >> 8) + "." + std::to_string(id & 255) + ".0/24";
+    json += (id ? "," : "") + std::string(R"({"id": )") + std::to_string(id) +
+            R"(, "rule": {"priority": 1, "match": {"source": {"ipv4-address": {"mask": {"ip": ")" +
+            source + R"("}}}}}})";
+    rules[id] = {source, std::nullopt, "10.0.0.1", static_cast<int>(id % 3)};
+  }
+  ExpectOk(Cli({"--timeout", "120", "load", "replace", WriteFile("all.json", json + "]}}")}));
+
+  pbrtest::FakeStatusProvider provider(std::move(rules));
+  std::string error;
+  ASSERT_TRUE(provider.Attach(env_.RuntimeDir() + "/mgmt.sock", &error)) << error;
+  for (const char* format : {"table", "json"}) {
+    std::vector<std::string> args = {PBR_CLI_BIN, "show", "pbr"};
+    if (std::string(format) == "json") args.push_back("--json");
+    const auto start = std::chrono::steady_clock::now();
+    pbrtest::Child cli(args);
+    const ChildResult r = cli.Finish(60s, provider.fd(), [&] { provider.Serve(); });
+    const auto took = std::chrono::steady_clock::now() - start;
+    ExpectOk(r);
+    if (std::string(format) == "table") {
+      EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), kRules + 1);
+    }
+    std::cout << format << ": "
+              << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms, "
+              << r.out.size() << " bytes\n";
+    EXPECT_LT(took, 2s) << format;
+  }
 }
 
 // Without the fixture's server: what the CLI says when there is none or it does not answer.
