@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -136,14 +137,17 @@ double InstallWithIpBatch(uint32_t n, std::string* error) {
   std::string path = std::filesystem::temp_directory_path() / ("pbr-bench-" + ns.name());
   {
     std::ofstream batch(path);
-    // ip's best order: routes, then rules by descending priority.
-    for (uint32_t i = 0; i < n; ++i)
-      batch << "route add default via 10.200.0." << 2 + i % 16 << " table " << 100000 + i
-            << " metric " << i << " proto 77\n";
+    // The backend's layout (a table per next hop) in ip's best order: routes, then rules by
+    // descending priority.
+    auto table = [](uint32_t i) {
+      return pbr::element::TableOf(Addr((10u << 24) | (200u << 16) | (2 + i % 16)).s_addr);
+    };
+    for (uint32_t i = 0; i < std::min(n, 16u); ++i)
+      batch << "route add default via 10.200.0." << 2 + i << " table " << table(i) << " metric "
+            << table(i) << " proto 77\n";
     for (uint32_t i = n; i-- > 0;)
       batch << "rule add pref " << pbr::element::KernelPriority(i / 2) << " from 10."
-            << ((i >> 8) & 255) << "." << (i & 255) << ".0/24 table " << 100000 + i
-            << " proto 77\n";
+            << ((i >> 8) & 255) << "." << (i & 255) << ".0/24 table " << table(i) << " proto 77\n";
   }
   auto start = Clock::now();
   int status = Shell("ip -n " + ns.name() + " -batch " + path);

@@ -110,13 +110,17 @@ void KernelClient::FinishSync(int error) {
   leftover_routes_ = std::move(dumped_routes_);
   KLOG(kInfo, "the kernel holds %zu rules and %zu routes of ours", leftover_rules_.size(),
        leftover_routes_.size());
-  // Forget what we believed; members claim what the kernel really holds.
+  // Forget what we believed; members and next hops claim what the kernel really holds.
   for (auto& [id, m] : members_) {
     m.rules.clear();
-    m.route.reset();
-    m.oif = 0;
-    m.route_blocked = m.route_verify = m.rules_failed = false;
+    m.rules_failed = false;
     dirty_.insert(id);
+  }
+  for (auto& [table, hop] : hops_) {
+    hop.route.reset();
+    hop.oif = 0;
+    hop.blocked = hop.verify = false;
+    dirty_hops_.insert(table);
   }
   phase_ = Phase::kReady;
   Reconcile();
@@ -135,13 +139,14 @@ void KernelClient::Resync() {
 Error KernelClient::SetEntry(const uint16_t& id, const Entry& entry) {
   Member& m = members_[id];
   IndexClass(id, m, false);
+  IndexHop(id, m, false);
   m.want = LayOut(id, entry, options_.interface_names);
   if (!m.want->error.empty())
     KLOG(kWarn, "rule %u cannot be programmed: %s", id, m.want->error.c_str());
   // A new request deserves a fresh attempt.
-  m.route_blocked = false;
   m.rules_failed = false;
   IndexClass(id, m, true);
+  IndexHop(id, m, true);
   MarkDirty(id);
   RequestSweep();
   return m.want->error.empty() ? PBR_OK : PBR_ERR_INVALID;
@@ -151,6 +156,7 @@ Error KernelClient::DeleteEntry(const uint16_t& id) {
   auto it = members_.find(id);
   if (it != members_.end() && it->second.want) {
     IndexClass(id, it->second, false);
+    IndexHop(id, it->second, false);
     it->second.want.reset();
     MarkDirty(id);
   }
@@ -164,8 +170,8 @@ Error KernelClient::RegisterStatusListener(PbrStatusItf* listener) {
 }
 
 bool KernelClient::Settled() const {
-  return phase_ != Phase::kSyncing && dirty_.empty() && !reconcile_scheduled_ &&
-         !sweep_requested_ && (!channel_ || channel_->Idle());
+  return phase_ != Phase::kSyncing && dirty_.empty() && dirty_hops_.empty() &&
+         !reconcile_scheduled_ && !sweep_requested_ && (!channel_ || channel_->Idle());
 }
 
 void KernelClient::IndexClass(uint16_t id, const Member& m, bool add) {
@@ -181,8 +187,34 @@ void KernelClient::IndexClass(uint16_t id, const Member& m, bool add) {
   if (it->second.empty()) classes_.erase(it);
 }
 
+void KernelClient::IndexHop(uint16_t id, const Member& m, bool add) {
+  auto table = HopOf(m);
+  if (!table) return;
+  NextHop& hop = hops_[*table];
+  if (add) {
+    hop.want = *m.want->route;
+    hop.users.insert(id);
+    // A request deserves a fresh attempt at a refused or withdrawn route; the kernel's answer
+    // tells whether the next hop is usable now.
+    if (hop.blocked) {
+      hop.blocked = false;
+      hop.verify = true;
+    }
+  } else {
+    hop.users.erase(id);
+  }
+  // A next hop in place and in use is none of the reconcile pass's business: a member's status
+  // reads it directly. That keeps one rule's commit from walking every user of its next hop.
+  if (hop.users.empty() || hop.route != hop.want || hop.verify) MarkHopDirty(*table);
+}
+
 void KernelClient::MarkDirty(uint16_t id) {
   dirty_.insert(id);
+  ScheduleReconcile();
+}
+
+void KernelClient::MarkHopDirty(uint32_t table) {
+  dirty_hops_.insert(table);
   ScheduleReconcile();
 }
 
@@ -199,21 +231,31 @@ std::vector<FibRule> KernelClient::Wanted(const Member& m) const {
   return m.want->rules;
 }
 
-std::optional<DefaultRoute> KernelClient::WantedRoute(const Member& m) const {
-  if (!m.want || !m.want->error.empty()) return std::nullopt;
-  return m.want->route;
+std::optional<uint32_t> KernelClient::HopOf(const Member& m) {
+  if (!m.want || !m.want->error.empty() || !m.want->route) return std::nullopt;
+  return m.want->route->table;
 }
 
 void KernelClient::Reconcile() {
   reconcile_scheduled_ = false;
-  if (phase_ == Phase::kSyncing || dirty_.empty()) return;
+  if (phase_ == Phase::kSyncing || (dirty_.empty() && dirty_hops_.empty())) return;
   std::vector<uint16_t> ids(dirty_.begin(), dirty_.end());
+  std::vector<uint32_t> tables(dirty_hops_.begin(), dirty_hops_.end());
   dirty_.clear();
-  if (phase_ == Phase::kBroken) {
+  dirty_hops_.clear();
+  auto evaluate_all = [&] {
     for (uint16_t id : ids) Evaluate(id);
+    for (uint32_t table : tables) HopFinished(table);
+  };
+  if (phase_ == Phase::kBroken) {
+    evaluate_all();
     return;
   }
   for (uint16_t id : ids) ClaimLeftovers(id, members_[id]);
+  for (uint32_t table : tables) {
+    auto hop = hops_.find(table);
+    if (hop != hops_.end()) ClaimLeftoverRoute(hop->second);
+  }
 
   // The kernel keeps rules of equal priority in insertion order and inserts after the last one.
   // Walk each touched priority in the wanted order: members already installed in that order stay;
@@ -250,22 +292,27 @@ void KernelClient::Reconcile() {
     return std::pair(a.priority, a.id) < std::pair(b.priority, b.id);
   });
 
+  // Routes first: a rule is added only after the route of the table it looks up.
+  std::vector<std::pair<uint32_t, DefaultRoute>> route_deletes;
+  for (uint32_t table : tables) {
+    auto it = hops_.find(table);
+    if (it == hops_.end()) continue;
+    NextHop& hop = it->second;
+    if (!hop.users.empty() && !hop.blocked) {
+      if (hop.route != hop.want || hop.verify) ReplaceRoute(table);
+    } else if (hop.route) {
+      route_deletes.emplace_back(table, *hop.route);
+      hop.route.reset();
+    }
+    hop.verify = false;
+  }
   std::vector<std::pair<uint16_t, FibRule>> rule_deletes;
-  std::vector<std::pair<uint16_t, DefaultRoute>> route_deletes;
   for (uint16_t id : ids) {
     Member& m = members_[id];
     if (Wanted(m).empty() && !m.rules.empty()) {
       for (auto& rule : m.rules) rule_deletes.emplace_back(id, rule);
       m.rules.clear();
     }
-    auto route = WantedRoute(m);
-    if (route && !m.route_blocked) {
-      if (m.route != route || m.route_verify) ReplaceRoute(id, *route, m.route);
-    } else if (m.route) {
-      route_deletes.emplace_back(id, *m.route);
-      m.route.reset();
-    }
-    m.route_verify = false;
   }
   for (const auto& p : placements) {
     Member& x = members_[p.id];
@@ -282,13 +329,14 @@ void KernelClient::Reconcile() {
     return a.second.priority < b.second.priority;
   });
   for (const auto& [id, rule] : rule_deletes) DeleteRule(id, rule);
-  for (const auto& [id, route] : route_deletes) DeleteRoute(id, route);
+  // Last: no rule looks up these tables any more.
+  for (const auto& [table, route] : route_deletes) DeleteRoute(table, route);
 
-  for (uint16_t id : ids) Evaluate(id);
+  evaluate_all();
 }
 
 void KernelClient::ClaimLeftovers(uint16_t id, Member& m) {
-  if (!m.rules.empty() || m.route || !m.want || !m.want->error.empty()) return;
+  if (!m.rules.empty() || !m.want || !m.want->error.empty()) return;
   uint64_t serial = 0;
   for (const auto& rule : m.want->rules) {
     auto it = leftover_rules_.find(rule);
@@ -298,20 +346,21 @@ void KernelClient::ClaimLeftovers(uint16_t id, Member& m) {
     leftover_rules_.erase(it);
   }
   m.serial = serial;
-  if (!m.want->route) return;
-  const DefaultRoute& want = *m.want->route;
-  auto [begin, end] = leftover_routes_.equal_range(want.table);
-  auto chosen = end;
+  if (!m.rules.empty()) KLOG(kDebug, "rule %u: adopted %zu kernel rules", id, m.rules.size());
+}
+
+void KernelClient::ClaimLeftoverRoute(NextHop& hop) {
+  if (hop.route || hop.users.empty()) return;
+  auto [begin, end] = leftover_routes_.equal_range(hop.want.table);
   for (auto it = begin; it != end; ++it) {
-    if (it->second.route.metric != want.metric) continue;
-    if (chosen == end || it->second.route == want) chosen = it;
+    if (it->second.route != hop.want) continue;
+    hop.route = it->second.route;
+    hop.oif = it->second.oif;
+    if (it->second.linkdown || !LinkUsableNow(hop.oif)) hop.blocked = true;
+    KLOG(kDebug, "adopted %s", Describe(*hop.route).c_str());
+    leftover_routes_.erase(it);
+    return;
   }
-  if (chosen == end) return;
-  m.route = chosen->second.route;
-  m.oif = chosen->second.oif;
-  if (chosen->second.linkdown || !LinkUsableNow(m.oif)) m.route_blocked = true;
-  KLOG(kDebug, "rule %u: adopted %zu rules and %s", id, m.rules.size(), Describe(*m.route).c_str());
-  leftover_routes_.erase(chosen);
 }
 
 void KernelClient::RequestSweep() {
@@ -377,60 +426,60 @@ void KernelClient::DeleteRule(std::optional<uint16_t> id, const FibRule& rule) {
   });
 }
 
-void KernelClient::ReplaceRoute(uint16_t id, const DefaultRoute& route,
-                                std::optional<DefaultRoute> previous) {
+void KernelClient::ReplaceRoute(uint32_t table) {
   char buf[kMaxRequestSize];
-  Member& member = members_[id];
-  ++member.in_flight;
-  member.route = route;
-  member.echo_linkdown = false;
+  NextHop& hop = hops_[table];
+  ++hop.in_flight;
+  auto previous = hop.route;
+  hop.route = hop.want;
+  hop.echo_linkdown = false;
   channel_->Send(
-      PutRouteReplace(buf, route),
-      [this, id, route, previous](int error, const std::string& message) {
-        Member& m = members_[id];
-        --m.in_flight;
+      PutRouteReplace(buf, hop.want),
+      [this, table, previous](int error, const std::string& message) {
+        NextHop& h = hops_[table];
+        --h.in_flight;
         if (error == -ENOBUFS) {
           Resync();
-        } else if (m.route != route) {
-          // Superseded by a later request.
+        } else if (h.route != h.want) {
+          // Withdrawn by a later request.
         } else if (error) {
-          KLOG(kWarn, "rule %u: the kernel refused %s: %s %s", id, Describe(route).c_str(),
-               std::strerror(-error), message.c_str());
+          KLOG(kWarn, "next hop %s: the kernel refused %s: %s %s",
+               AddressText(h.want.gateway).c_str(), Describe(h.want).c_str(), std::strerror(-error),
+               message.c_str());
           // The kernel kept what it had; withdraw that too until the next hop becomes usable.
-          m.route = previous;
-          m.route_blocked = true;
-          MarkDirty(id);
-        } else if (m.echo_linkdown || !LinkUsableNow(m.oif)) {
-          KLOG(kInfo, "rule %u: the link to next hop %s is down", id,
-               AddressText(route.gateway).c_str());
-          m.route_blocked = true;
-          MarkDirty(id);
+          h.route = previous;
+          h.blocked = true;
+          MarkHopDirty(table);
+        } else if (h.echo_linkdown || !LinkUsableNow(h.oif)) {
+          KLOG(kInfo, "next hop %s: its link is down", AddressText(h.want.gateway).c_str());
+          h.blocked = true;
+          MarkHopDirty(table);
         }
-        Finished(id);
+        HopFinished(table);
       },
-      [this, id](const nlmsghdr* nlh) {
+      [this, table](const nlmsghdr* nlh) {
         auto info = ParseRoute(nlh);
         if (!info || nlh->nlmsg_type != RTM_NEWROUTE) return;
-        Member& m = members_[id];
-        m.oif = info->oif;
-        m.echo_linkdown = info->linkdown;
+        NextHop& h = hops_[table];
+        h.oif = info->oif;
+        h.echo_linkdown = info->linkdown;
       });
 }
 
-void KernelClient::DeleteRoute(std::optional<uint16_t> id, const DefaultRoute& route) {
+void KernelClient::DeleteRoute(std::optional<uint32_t> table, const DefaultRoute& route) {
   char buf[kMaxRequestSize];
-  if (id) ++members_[*id].in_flight;
+  if (table) ++hops_[*table].in_flight;
   channel_->Send(PutRouteDelete(buf, route),
-                 [this, id, route](int error, const std::string& message) {
+                 [this, table, route](int error, const std::string& message) {
                    if (error == -ENOBUFS) {
                      Resync();
                    } else if (error && error != -ESRCH && error != -ENOENT) {
                      KLOG(kWarn, "deleting %s failed: %s %s", Describe(route).c_str(),
                           std::strerror(-error), message.c_str());
                    }
-                   if (id) {
-                     --members_[*id].in_flight;
-                     Finished(*id);
+                   if (table) {
+                     --hops_[*table].in_flight;
+                     HopFinished(*table);
                    }
                  });
 }
@@ -439,23 +488,40 @@ void KernelClient::Finished(uint16_t id) {
   if (members_[id].in_flight == 0) Evaluate(id);
 }
 
+// A next hop with nothing in flight: its users may now know their status; an unused one goes.
+void KernelClient::HopFinished(uint32_t table) {
+  auto it = hops_.find(table);
+  if (it == hops_.end() || it->second.in_flight > 0 || dirty_hops_.count(table)) return;
+  if (it->second.users.empty()) {
+    if (!it->second.route) hops_.erase(it);
+    return;
+  }
+  // Evaluate may not change the users; a copy keeps the walk safe all the same.
+  std::vector<uint16_t> users(it->second.users.begin(), it->second.users.end());
+  for (uint16_t id : users) Evaluate(id);
+}
+
 void KernelClient::Evaluate(uint16_t id) {
   auto it = members_.find(id);
   if (it == members_.end()) return;
   Member& m = it->second;
   if (m.in_flight > 0 || dirty_.count(id) || phase_ == Phase::kSyncing) return;
   if (!m.want) {
-    if (!m.rules.empty() || m.route) return;
+    if (!m.rules.empty()) return;
     bool reported = m.reported.has_value();
     members_.erase(it);
     if (reported && listener_) listener_->StatusUpdateCb(id, 0);
     return;
   }
   uint32_t code = 1;
-  if (phase_ == Phase::kBroken || !m.want->error.empty() || m.rules_failed)
+  if (phase_ == Phase::kBroken || !m.want->error.empty() || m.rules_failed) {
     code = 2;
-  else if (m.want->route && (m.route != m.want->route || m.route_blocked))
-    code = 2;
+  } else if (auto table = HopOf(m)) {
+    auto hop = hops_.find(*table);
+    if (hop != hops_.end() && (hop->second.in_flight > 0 || dirty_hops_.count(*table))) return;
+    if (hop == hops_.end() || hop->second.route != hop->second.want || hop->second.blocked)
+      code = 2;
+  }
   if (m.reported == code || !listener_) return;
   m.reported = code;
   KLOG(kInfo, "rule %u: status %u", id, code);
@@ -478,20 +544,20 @@ void KernelClient::OnNotification(const nlmsghdr* nlh) {
     case RTM_NEWADDR:
       if (!ParseAddressIndex(nlh)) return;
       // A new subnet may make refused next hops reachable.
-      for (auto& [id, m] : members_)
-        if (m.route_blocked && WantedRoute(m)) {
-          m.route_blocked = false;
-          MarkDirty(id);
+      for (auto& [table, hop] : hops_)
+        if (hop.blocked && !hop.users.empty()) {
+          hop.blocked = false;
+          MarkHopDirty(table);
         }
       return;
     case RTM_DELADDR: {
       int index = ParseAddressIndex(nlh);
       if (!index) return;
       // The kernel drops routes through the lost subnet without telling; ask again.
-      for (auto& [id, m] : members_)
-        if (m.route && m.oif == index) {
-          m.route_verify = true;
-          MarkDirty(id);
+      for (auto& [table, hop] : hops_)
+        if (hop.route && hop.oif == index) {
+          hop.verify = true;
+          MarkHopDirty(table);
         }
       return;
     }
@@ -506,12 +572,11 @@ void KernelClient::OnNotification(const nlmsghdr* nlh) {
             break;
           }
       }
-      auto it = members_.find(static_cast<uint16_t>(info->route.table - kTableBase));
-      if (it != members_.end() && it->second.route == info->route) {
-        KLOG(kInfo, "rule %u: %s was removed; reinstalling", it->first,
-             Describe(info->route).c_str());
+      auto it = hops_.find(info->route.table);
+      if (it != hops_.end() && it->second.route == info->route) {
+        KLOG(kInfo, "%s was removed; reinstalling", Describe(info->route).c_str());
         it->second.route.reset();
-        MarkDirty(it->first);
+        MarkHopDirty(it->first);
       }
       return;
     }
@@ -556,14 +621,14 @@ void KernelClient::OnLink(const nlmsghdr* nlh) {
   }
   if (phase_ != Phase::kReady || was == now) return;
   KLOG(kInfo, "link %s (%d) is %s", link->name.c_str(), link->index, now ? "up" : "down");
-  for (auto& [id, m] : members_) {
-    if (!now && m.route && m.oif == link->index && !m.route_blocked) {
+  for (auto& [table, hop] : hops_) {
+    if (!now && hop.route && hop.oif == link->index && !hop.blocked) {
       // Withdraw the route: traffic falls back to the main table instead of a dead link.
-      m.route_blocked = true;
-      MarkDirty(id);
-    } else if (now && m.route_blocked && WantedRoute(m)) {
-      m.route_blocked = false;
-      MarkDirty(id);
+      hop.blocked = true;
+      MarkHopDirty(table);
+    } else if (now && hop.blocked && !hop.users.empty()) {
+      hop.blocked = false;
+      MarkHopDirty(table);
     }
   }
 }

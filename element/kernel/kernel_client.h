@@ -1,19 +1,21 @@
 // The PBR manager backend that programs rules into Linux policy routing (BACKEND=kernel).
 //
-// Each rule becomes the FIB rules and the table route of its RuleLayout. The client keeps what
-// it wants (the configured rules) beside what it believes the kernel holds, and a reconcile pass
-// on the loop turns the difference into netlink requests, in the order the kernel handles
-// cheaply: table routes first, rule adds by descending kernel priority (the kernel inserts at the
-// head of its list then), rule deletes from the head, then routes no longer wanted.
-// - Make-before-break: a route is replaced atomically; a changed rule is added before the old one
-//   is deleted. Rules that share a kernel priority are kept in ascending (priority, id) order by
-//   re-adding those that would otherwise sit before a newcomer.
+// Each rule becomes the FIB rules of its RuleLayout; each distinct next hop the default route of
+// its own table, shared by the rules that use it. The client keeps what it wants (the configured
+// rules) beside what it believes the kernel holds, and a reconcile pass on the loop turns the
+// difference into netlink requests, in the order the kernel handles cheaply: next-hop routes
+// first, rule adds by descending kernel priority (the kernel inserts at the head of its list
+// then), rule deletes from the head, then routes no longer wanted.
+// - Make-before-break: a changed rule (a new next hop points it at another table) is added
+//   before the old one is deleted, after the new table's route. Rules that share a kernel
+//   priority are kept in ascending (priority, id) order by re-adding those that would otherwise
+//   sit before a newcomer.
 // - Restart: objects of our protocol found at start are adopted when the configuration wants them
 //   unchanged; the rest are deleted once the first configuration has been applied (or, without
 //   any configuration, after Options::leftover_grace).
 // - Status per rule: 1 installed with its next hop's link up, 2 refused by the kernel or next hop
-//   unusable (its route is then withdrawn so that traffic falls back to the main table, and
-//   reinstalled when links or addresses change), 0 once a deleted rule is gone.
+//   unusable (the next hop's route is then withdrawn so that its rules' traffic falls back to the
+//   main table, and reinstalled when links or addresses change), 0 once a deleted rule is gone.
 //
 // Threading: everything runs on the middleware loop's thread. SetEntry and DeleteEntry only
 // record the change; requests and status reports happen in later loop callbacks. The client owns
@@ -62,19 +64,27 @@ class KernelClient final : public PbrClient {
  private:
   enum class Phase { kSyncing, kReady, kBroken };
 
-  // One configured (or being deleted) rule: what is wanted, what the kernel holds.
+  // One configured (or being deleted) rule: what is wanted, which FIB rules the kernel holds.
   struct Member {
-    std::optional<RuleLayout> want;     // nullopt once deleted
-    std::vector<FibRule> rules;         // installed, sorted
-    uint64_t serial = 0;                // order of `rules` among equal kernel priorities
-    std::optional<DefaultRoute> route;  // installed in the rule's table
-    int oif = 0;                        // the link of `route`
-    bool route_blocked = false;         // next hop unusable now: keep the table empty
-    bool route_verify = false;          // re-send the route to learn whether it still stands
+    std::optional<RuleLayout> want;  // nullopt once deleted
+    std::vector<FibRule> rules;      // installed, sorted
+    uint64_t serial = 0;             // order of `rules` among equal kernel priorities
     bool rules_failed = false;
-    bool echo_linkdown = false;  // the kernel's answer to our last route request
     int in_flight = 0;
     std::optional<uint32_t> reported;
+  };
+
+  // One next hop's table, shared by the members that forward to it: the default route via the
+  // next hop, installed while any member wants it and the next hop is usable.
+  struct NextHop {
+    DefaultRoute want;
+    std::set<uint16_t> users;           // members whose wanted layout routes through it
+    std::optional<DefaultRoute> route;  // installed
+    int oif = 0;                        // the link of `route`
+    bool blocked = false;               // next hop unusable now: keep the table empty
+    bool verify = false;                // re-send the route to learn whether it still stands
+    bool echo_linkdown = false;         // the kernel's answer to our last route request
+    int in_flight = 0;
   };
 
   void Start();
@@ -85,23 +95,29 @@ class KernelClient final : public PbrClient {
   void Resync();
 
   void MarkDirty(uint16_t id);
+  void MarkHopDirty(uint32_t table);
   void ScheduleReconcile();
   void Reconcile();
   void ClaimLeftovers(uint16_t id, Member& m);
+  void ClaimLeftoverRoute(NextHop& hop);
   void RequestSweep();
   void SweepLeftovers();
 
   std::vector<FibRule> Wanted(const Member& m) const;
-  std::optional<DefaultRoute> WantedRoute(const Member& m) const;
+  // The table of the next hop that member `m` routes through, if it has a valid one.
+  static std::optional<uint32_t> HopOf(const Member& m);
   void AddRule(uint16_t id, const FibRule& rule);
   void DeleteRule(std::optional<uint16_t> id, const FibRule& rule);
-  void ReplaceRoute(uint16_t id, const DefaultRoute& route, std::optional<DefaultRoute> previous);
-  void DeleteRoute(std::optional<uint16_t> id, const DefaultRoute& route);
+  void ReplaceRoute(uint32_t table);
+  void DeleteRoute(std::optional<uint32_t> table, const DefaultRoute& route);
   void Finished(uint16_t id);
+  void HopFinished(uint32_t table);
   void Evaluate(uint16_t id);
   bool LinkUsableNow(int index) const;
 
   void IndexClass(uint16_t id, const Member& m, bool add);
+  // Moves member `id` between the user sets of next hops (before and after `want` changes).
+  void IndexHop(uint16_t id, const Member& m, bool add);
 
   vqmw_t* mw_;
   zlog_category_t* log_;
@@ -123,6 +139,8 @@ class KernelClient final : public PbrClient {
 
   std::map<uint16_t, Member> members_;
   std::set<uint16_t> dirty_;
+  std::map<uint32_t, NextHop> hops_;  // by table
+  std::set<uint32_t> dirty_hops_;
   // Members by kernel priority, in the order the kernel must hold them: (PBR priority, id).
   std::map<uint32_t, std::set<std::pair<uint32_t, uint16_t>>> classes_;
   std::unordered_map<int, unsigned> links_;  // ifindex -> flags

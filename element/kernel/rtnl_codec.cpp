@@ -143,9 +143,9 @@ std::optional<RouteInfo> ParseRoute(const nlmsghdr* nlh) {
   RouteInfo info;
   info.route.table = rtm->rtm_table;
   ReadU32(tb[RTA_TABLE], info.route.table);
-  if (!IsRuleTable(info.route.table)) return std::nullopt;
   if (!ReadU32(tb[RTA_GATEWAY], info.route.gateway)) return std::nullopt;
   ReadU32(tb[RTA_PRIORITY], info.route.metric);
+  if (!IsNextHopRoute(info.route)) return std::nullopt;
   uint32_t oif = 0;
   ReadU32(tb[RTA_OIF], oif);
   info.oif = static_cast<int>(oif);

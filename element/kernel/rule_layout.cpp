@@ -37,14 +37,17 @@ uint32_t KernelPriority(uint32_t pbr_priority) {
   return kFirstKernelPriority + std::min(pbr_priority, kLastKernelPriority - kFirstKernelPriority);
 }
 
-uint32_t TableOf(uint16_t id) {
-  return kTableBase + id;
+uint32_t TableOf(uint32_t gateway) {
+  return ntohl(gateway);
 }
-uint32_t MetricOf(uint16_t id) {
-  return id;
+uint32_t MetricOf(uint32_t gateway) {
+  return ntohl(gateway);
 }
-bool IsRuleTable(uint32_t table) {
-  return table >= kTableBase && table - kTableBase <= 0xffff;
+DefaultRoute NextHopRoute(uint32_t gateway) {
+  return DefaultRoute{TableOf(gateway), gateway, MetricOf(gateway)};
+}
+bool IsNextHopRoute(const DefaultRoute& route) {
+  return (ntohl(route.gateway) >> 24) != 0 && route == NextHopRoute(route.gateway);
 }
 
 RuleLayout LayOut(uint16_t id, const Entry& entry, const InterfaceNames& names) {
@@ -78,12 +81,13 @@ RuleLayout LayOut(uint16_t id, const Entry& entry, const InterfaceNames& names) 
   ActionL3NextHop next_hop({});
   uint32_t table = kMainTable;
   if (entry.getAction(next_hop) == PBR_OK) {
-    if (next_hop.getL3NextHop().s_addr == 0) {
-      layout.error = "next hop 0.0.0.0 is not a gateway";
+    uint32_t gateway = next_hop.getL3NextHop().s_addr;
+    if ((ntohl(gateway) >> 24) == 0) {
+      layout.error = "next hop " + AddressText(gateway) + " is not a gateway";
       return layout;
     }
-    table = TableOf(id);
-    layout.route = DefaultRoute{table, next_hop.getL3NextHop().s_addr, MetricOf(id)};
+    layout.route = NextHopRoute(gateway);
+    table = layout.route->table;
   }
 
   for (auto& iif : iifs)

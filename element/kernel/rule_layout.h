@@ -6,9 +6,13 @@
 // - Kernel rule priority = kFirstKernelPriority + PBR priority, capped at kLastKernelPriority, so
 //   every PBR rule is consulted before the main table (32766). Rules sharing a kernel priority are
 //   kept in ascending (PBR priority, rule id) order by the backend.
-// - Rule `id` with a next hop owns table kTableBase + id, holding one default route via the next
-//   hop with metric MetricOf(id) (distinct per table: the kernel hashes routes by device and
-//   metric). A rule without next hop looks up the main table.
+// - Every next hop has one table, shared by all rules that forward to it: TableOf(next hop), the
+//   next hop's address read as a number, holding one default route via the next hop with metric
+//   MetricOf(next hop) (distinct per next hop: the kernel hashes routes by device and metric).
+//   The kernel finds a table by id in a hash of 256 chains, so a table per rule would make every
+//   route and rule change walk chains of n/256 tables; a table per next hop keeps them short.
+//   Next hops in 0.0.0.0/8 are refused: they are no gateways, and their tables would collide
+//   with the kernel's reserved ones. A rule without next hop looks up the main table.
 #pragma once
 
 #include <compare>
@@ -26,7 +30,6 @@ namespace pbr::element {
 inline constexpr uint8_t kRouteProtocol = 77;
 inline constexpr uint32_t kFirstKernelPriority = 1;
 inline constexpr uint32_t kLastKernelPriority = 32765;  // the main table's rule is at 32766
-inline constexpr uint32_t kTableBase = 100000;          // clear of 0 and 253..255
 inline constexpr uint32_t kMainTable = 254;
 
 // An IPv4 prefix; `addr` in network byte order with the host bits cleared.
@@ -46,7 +49,7 @@ struct FibRule {
   auto operator<=>(const FibRule&) const = default;
 };
 
-// The default route of a rule's own table.
+// The default route of a next hop's table.
 struct DefaultRoute {
   uint32_t table = 0;
   uint32_t gateway = 0;  // network byte order
@@ -67,16 +70,19 @@ struct RuleLayout {
 using InterfaceNames = std::function<std::optional<std::string>(limid_t)>;
 
 uint32_t KernelPriority(uint32_t pbr_priority);
-uint32_t TableOf(uint16_t id);
-uint32_t MetricOf(uint16_t id);
-// True for the tables of this backend's rules.
-bool IsRuleTable(uint32_t table);
+// The table and metric of next hop `gateway` (network byte order).
+uint32_t TableOf(uint32_t gateway);
+uint32_t MetricOf(uint32_t gateway);
+// The route this backend installs for next hop `gateway`.
+DefaultRoute NextHopRoute(uint32_t gateway);
+// True for a route of the shape NextHopRoute gives (its own next hop's table and metric).
+bool IsNextHopRoute(const DefaultRoute& route);
 
-// Lays out rule `id`. Invalid input (a non-prefix mask, an unknown interface, next hop 0.0.0.0)
-// gives a layout with `error` set and nothing to install.
+// Lays out rule `id`. Invalid input (a non-prefix mask, an unknown interface, a next hop in
+// 0.0.0.0/8) gives a layout with `error` set and nothing to install.
 RuleLayout LayOut(uint16_t id, const Entry& entry, const InterfaceNames& names);
 
-// "pref 7 from 10.1.0.0/16 iif eth0 lookup 100007", for logs.
+// "pref 11 from 10.1.0.0/16 iif eth0 lookup 167772674", for logs.
 std::string Describe(const FibRule& rule);
 std::string Describe(const DefaultRoute& route);
 std::string AddressText(uint32_t addr);

@@ -3,6 +3,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
 
 #include "element/kernel/kernel_client.h"
 #include "element/middleware/dirs.h"
@@ -62,7 +65,13 @@ PbrClient* PbrClient::Build(vqmw_t* mw, zlog_category_t* category) {
   const char* name = std::getenv("PBR_ELEMENT_BACKEND");
   std::string error;
   std::unique_ptr<PbrClient> client = MakeClient(mw, category, name != nullptr ? name : "", &error);
-  if (client) return client.release();
+  if (client) {
+#ifdef __SANITIZE_ADDRESS__
+    // The daemon keeps its client for the life of the process and never destroys it.
+    __lsan_ignore_object(client.get());
+#endif
+    return client.release();
+  }
 
   // The fault goes to the element's log; say it on stderr too when that log is a file.
   const char* log = std::getenv("PBR_ELEMENT_LOG");

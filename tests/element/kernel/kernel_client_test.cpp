@@ -34,6 +34,14 @@ std::optional<std::string> Names(limid_t id) {
 
 constexpr uint32_t kNoReport = 99;
 
+// The table of a next hop, as a number and as `ip rule` prints it.
+uint32_t Table(const std::string& next_hop) {
+  return TableOf(pbrtest::Ip(next_hop).s_addr);
+}
+std::string Lookup(const std::string& next_hop) {
+  return " lookup " + std::to_string(Table(next_hop));
+}
+
 class KernelClientTest : public ::testing::Test, public PbrStatusItf {
  protected:
   void SetUp() override {
@@ -106,7 +114,7 @@ class KernelClientTest : public ::testing::Test, public PbrStatusItf {
     return "? (rb1 +" + std::to_string(d1) + ", rb2 +" + std::to_string(d2) + ")";
   }
 
-  // Our rules as `ip rule` prints them, in list order: "11 from 10.1.0.0/16 iif ra lookup 100007".
+  // Our rules as `ip rule` prints them, in list order: "11 from 10.1.0.0/16 iif ra lookup T".
   std::vector<std::string> RuleTexts() {
     std::vector<std::string> out;
     for (auto& r : bed_->Rules(kRouteProtocol)) {
@@ -126,10 +134,10 @@ class KernelClientTest : public ::testing::Test, public PbrStatusItf {
     return out;
   }
 
-  // The gateways of `table`'s default routes.
-  std::vector<std::string> Gateways(uint32_t table) {
+  // The gateways of the default routes in the table of `next_hop`.
+  std::vector<std::string> Gateways(const std::string& next_hop) {
     std::vector<std::string> out;
-    for (auto& r : bed_->Routes(table))
+    for (auto& r : bed_->Routes(Table(next_hop)))
       if (r["dst"] == "default") out.push_back(r["gateway"].get<std::string>());
     return out;
   }
@@ -152,15 +160,43 @@ TEST_F(KernelClientTest, CommittedRuleSteersTrafficAndDeletionReturnsItToMain) {
   EXPECT_EQ(client.SetEntry(7, SteerToB2()), PBR_OK);
   EXPECT_EQ(Status(7), kNoReport) << "no report from inside SetEntry";
   ASSERT_TRUE(AwaitStatus(7, 1));
-  EXPECT_EQ(RuleTexts(), std::vector<std::string>{"11 from 10.1.0.0/16 iif ra lookup 100007"});
-  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.2.2"});
+  EXPECT_EQ(RuleTexts(),
+            std::vector<std::string>{"11 from 10.1.0.0/16 iif ra" + Lookup("10.0.2.2")});
+  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
   EXPECT_EQ(PingPath(), "rb2");
 
   client.DeleteEntry(7);
   ASSERT_TRUE(AwaitStatus(7, 0));
   EXPECT_TRUE(RuleTexts().empty());
-  EXPECT_TRUE(Gateways(100007).empty());
+  EXPECT_TRUE(Gateways("10.0.2.2").empty());
   EXPECT_EQ(PingPath(), "rb1");
+}
+
+TEST_F(KernelClientTest, RulesWithOneNextHopShareItsRouteUntilTheLastGoes) {
+  KernelClient& client = Start();
+  client.SetEntry(7, SteerToB2());
+  client.SetEntry(8, EntryBuilder(8).Priority(20).To("10.8.0.0/16").Via("10.0.2.2").Build());
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(Status(7), 1u);
+  EXPECT_EQ(Status(8), 1u);
+  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
+
+  // A dead next hop fails every rule that uses it.
+  ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
+  ASSERT_TRUE(RunUntil([&] { return Status(7) == 2 && Status(8) == 2; }));
+  ASSERT_EQ(bed_->Ip("b2", "link set b2r up"), 0);
+  ASSERT_TRUE(RunUntil([&] { return Status(7) == 1 && Status(8) == 1; }));
+
+  client.DeleteEntry(7);
+  ASSERT_TRUE(AwaitStatus(7, 0));
+  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"}) << "rule 8 still uses it";
+  EXPECT_EQ(Status(8), 1u);
+  EXPECT_EQ(PingPath(), "rb1");
+  client.DeleteEntry(8);
+  ASSERT_TRUE(AwaitStatus(8, 0));
+  ASSERT_TRUE(Settle());
+  EXPECT_TRUE(Gateways("10.0.2.2").empty());
+  EXPECT_TRUE(RuleTexts().empty());
 }
 
 TEST_F(KernelClientTest, RuleWithoutNextHopLooksUpMainAheadOfOtherRules) {
@@ -170,8 +206,9 @@ TEST_F(KernelClientTest, RuleWithoutNextHopLooksUpMainAheadOfOtherRules) {
   client.SetEntry(3, EntryBuilder(3).Priority(5).To("10.9.9.9").Build());
   ASSERT_TRUE(Settle());
   EXPECT_EQ(Status(3), 1u);
-  EXPECT_EQ(RuleTexts(), (std::vector<std::string>{"6 to 10.9.9.9 lookup main",
-                                                   "11 from 10.1.0.0/16 iif ra lookup 100007"}));
+  EXPECT_EQ(RuleTexts(),
+            (std::vector<std::string>{"6 to 10.9.9.9 lookup main",
+                                      "11 from 10.1.0.0/16 iif ra" + Lookup("10.0.2.2")}));
   EXPECT_EQ(PingPath(), "rb1");
 }
 
@@ -190,7 +227,10 @@ TEST_F(KernelClientTest, ChangedNextHopMovesTrafficWithoutLoss) {
   auto [sent, received] = ping.Wait();
   EXPECT_EQ(received, sent);
   EXPECT_GE(bed_->TxPackets("rb1") - b1, 20u) << "traffic did not move to the new next hop";
-  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.1.2"});
+  EXPECT_EQ(RuleTexts(),
+            std::vector<std::string>{"11 from 10.1.0.0/16 iif ra" + Lookup("10.0.1.2")});
+  EXPECT_EQ(Gateways("10.0.1.2"), std::vector<std::string>{"10.0.1.2"});
+  EXPECT_TRUE(Gateways("10.0.2.2").empty()) << "the unused next hop's route stays behind";
   EXPECT_EQ(Status(7), 1u);
 }
 
@@ -215,8 +255,8 @@ TEST_F(KernelClientTest, ChangedSelectorIsAddedBeforeTheOldOneGoes) {
   auto [sent, received] = ping.Wait();
   EXPECT_EQ(received, sent);
   EXPECT_GT(bed_->TxPackets("rb2"), after) << "traffic left the next hop";
-  EXPECT_EQ(RuleTexts(),
-            std::vector<std::string>{"11 from 10.1.0.0/24 to 10.9.9.0/24 iif ra lookup 100007"});
+  EXPECT_EQ(RuleTexts(), std::vector<std::string>{"11 from 10.1.0.0/24 to 10.9.9.0/24 iif ra" +
+                                                  Lookup("10.0.2.2")});
 }
 
 TEST_F(KernelClientTest, RestartKeepsForwardingAndRemovesWhatIsNoLongerConfigured) {
@@ -235,28 +275,39 @@ TEST_F(KernelClientTest, RestartKeepsForwardingAndRemovesWhatIsNoLongerConfigure
   ASSERT_TRUE(Settle());
   auto [sent, received] = ping.Wait();
   EXPECT_EQ(received, sent);
-  EXPECT_EQ(RuleTexts(), std::vector<std::string>{"11 from 10.1.0.0/16 iif ra lookup 100007"});
-  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.2.2"});
-  EXPECT_TRUE(Gateways(100008).empty());
+  EXPECT_EQ(RuleTexts(),
+            std::vector<std::string>{"11 from 10.1.0.0/16 iif ra" + Lookup("10.0.2.2")});
+  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
+  EXPECT_TRUE(Gateways("10.0.1.2").empty());
   EXPECT_EQ(Status(7), 1u);
 }
 
 TEST_F(KernelClientTest, LeftoversGoAfterTheGracePeriodWithoutConfigurationForeignOnesStay) {
   // A leftover of ours and a foreign rule that differs only in its protocol.
-  ASSERT_EQ(bed_->Ip("r", "rule add pref 11 from 10.1.0.0/16 lookup 100007 proto 77"), 0);
-  ASSERT_EQ(bed_->Ip("r", "rule add pref 11 from 10.1.0.0/16 lookup 100007 proto static"), 0);
-  ASSERT_EQ(bed_->Ip("r", "route add default via 10.0.2.2 table 100007 metric 7 proto 77"), 0);
-  ASSERT_EQ(bed_->Ip("r", "route add 10.5.0.0/16 via 10.0.2.2 table 100007 proto static"), 0);
+  const std::string table = " table " + std::to_string(Table("10.0.2.2"));
+  ASSERT_EQ(bed_->Ip("r", "rule add pref 11 from 10.1.0.0/16" + table + " proto 77"), 0);
+  ASSERT_EQ(bed_->Ip("r", "rule add pref 11 from 10.1.0.0/16" + table + " proto static"), 0);
+  ASSERT_EQ(
+      bed_->Ip("r", "route add default via 10.0.2.2" + table + " metric " +
+                        std::to_string(MetricOf(pbrtest::Ip("10.0.2.2").s_addr)) + " proto 77"),
+      0);
+  ASSERT_EQ(bed_->Ip("r", "route add 10.5.0.0/16 via 10.0.2.2" + table + " proto static"), 0);
   Start(200ms);
-  ASSERT_TRUE(RunUntil([&] { return RuleTexts().empty() && Gateways(100007).empty(); }, 5s, 50ms));
+  ASSERT_TRUE(
+      RunUntil([&] { return RuleTexts().empty() && Gateways("10.0.2.2").empty(); }, 5s, 50ms));
   EXPECT_EQ(bed_->IpJson("r", "rule show pref 11").size(), 1u) << "the foreign rule is gone";
-  EXPECT_EQ(bed_->Routes(100007).size(), 1u) << "the foreign route is gone";
+  EXPECT_EQ(bed_->Routes(Table("10.0.2.2")).size(), 1u) << "the foreign route is gone";
 }
 
 TEST_F(KernelClientTest, EqualPrioritiesAreOrderedByIdWhateverTheArrivalOrder) {
   KernelClient& client = Start();
+  // The destination tells the rules apart in the kernel's list.
   auto rule = [](uint16_t id, uint32_t priority) {
-    return EntryBuilder(id).Priority(priority).From("10.1.0.0/16").Via("10.0.2.2").Build();
+    return EntryBuilder(id)
+        .Priority(priority)
+        .To("10.7." + std::to_string(id) + ".0/24")
+        .Via("10.0.2.2")
+        .Build();
   };
   client.SetEntry(5, rule(5, 10));
   client.SetEntry(3, rule(3, 10));
@@ -265,18 +316,18 @@ TEST_F(KernelClientTest, EqualPrioritiesAreOrderedByIdWhateverTheArrivalOrder) {
   client.SetEntry(1, rule(1, 40000));  // beyond the kernel's range: shares the last priority
   client.SetEntry(2, rule(2, 32764));
   ASSERT_TRUE(Settle());
+  const std::string via = Lookup("10.0.2.2");
   EXPECT_EQ(RuleTexts(),
-            (std::vector<std::string>{
-                "11 from 10.1.0.0/16 lookup 100003", "11 from 10.1.0.0/16 lookup 100004",
-                "11 from 10.1.0.0/16 lookup 100005", "32765 from 10.1.0.0/16 lookup 100002",
-                "32765 from 10.1.0.0/16 lookup 100001"}));
+            (std::vector<std::string>{"11 to 10.7.3.0/24" + via, "11 to 10.7.4.0/24" + via,
+                                      "11 to 10.7.5.0/24" + via, "32765 to 10.7.2.0/24" + via,
+                                      "32765 to 10.7.1.0/24" + via}));
   // Moving rule 5 ahead of 3 reorders the kernel's list too.
   client.SetEntry(5, rule(5, 9));
   client.SetEntry(3, rule(3, 11));
   ASSERT_TRUE(Settle());
-  EXPECT_EQ(RuleTexts()[0], "10 from 10.1.0.0/16 lookup 100005");
-  EXPECT_EQ(RuleTexts()[1], "11 from 10.1.0.0/16 lookup 100004");
-  EXPECT_EQ(RuleTexts()[2], "12 from 10.1.0.0/16 lookup 100003");
+  EXPECT_EQ(RuleTexts()[0], "10 to 10.7.5.0/24" + via);
+  EXPECT_EQ(RuleTexts()[1], "11 to 10.7.4.0/24" + via);
+  EXPECT_EQ(RuleTexts()[2], "12 to 10.7.3.0/24" + via);
 }
 
 TEST_F(KernelClientTest, NextHopLinkDownFailsTheRuleAndItRecovers) {
@@ -298,7 +349,7 @@ TEST_F(KernelClientTest, NextHopLinkDownFailsTheRuleAndItRecovers) {
   ASSERT_TRUE(AwaitStatus(7, 2));
   ASSERT_EQ(bed_->Ip("r", "link set rb2 up"), 0);
   ASSERT_TRUE(AwaitStatus(7, 1));
-  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.2.2"});
+  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
   EXPECT_EQ(PingPath(), "rb2");
 
   // Address removal drops the route silently too.
@@ -313,7 +364,7 @@ TEST_F(KernelClientTest, UnreachableNextHopFailsUntilItsSubnetAppears) {
   KernelClient& client = Start();
   client.SetEntry(7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Via("10.0.3.2").Build());
   ASSERT_TRUE(AwaitStatus(7, 2));
-  EXPECT_TRUE(Gateways(100007).empty());
+  EXPECT_TRUE(Gateways("10.0.3.2").empty());
   EXPECT_EQ(RuleTexts().size(), 1u) << "the rule stays; its empty table falls through to main";
   EXPECT_EQ(PingPath(), "rb1");
 
@@ -321,7 +372,7 @@ TEST_F(KernelClientTest, UnreachableNextHopFailsUntilItsSubnetAppears) {
   ASSERT_EQ(bed_->Ip("b2", "addr add 10.0.3.2/24 dev b2r"), 0);
   ASSERT_EQ(bed_->Ip("r", "addr add 10.0.3.1/24 dev rb2"), 0);
   ASSERT_TRUE(AwaitStatus(7, 1));
-  EXPECT_EQ(Gateways(100007), std::vector<std::string>{"10.0.3.2"});
+  EXPECT_EQ(Gateways("10.0.3.2"), std::vector<std::string>{"10.0.3.2"});
   EXPECT_EQ(PingPath(), "rb2");
 }
 
@@ -336,7 +387,7 @@ TEST_F(KernelClientTest, InvalidRulesFailAndLeaveNothingBehind) {
   EXPECT_EQ(Status(7), 2u);
   EXPECT_EQ(Status(8), 2u);
   EXPECT_TRUE(RuleTexts().empty());
-  EXPECT_TRUE(Gateways(100007).empty());
+  EXPECT_TRUE(Gateways("10.0.2.2").empty());
   // A refused next hop (a multicast address) fails without harming other rules.
   client.SetEntry(9, EntryBuilder(9).From("10.4.0.0/16").Via("224.0.0.1").Build());
   client.SetEntry(7, SteerToB2());
@@ -349,10 +400,12 @@ TEST_F(KernelClientTest, ObjectsRemovedBehindItsBackAreReinstalled) {
   KernelClient& client = Start();
   client.SetEntry(7, SteerToB2());
   ASSERT_TRUE(AwaitStatus(7, 1));
-  ASSERT_EQ(bed_->Ip("r", "rule del pref 11 from 10.1.0.0/16 iif ra lookup 100007 proto 77"), 0);
+  ASSERT_EQ(
+      bed_->Ip("r", "rule del pref 11 from 10.1.0.0/16 iif ra" + Lookup("10.0.2.2") + " proto 77"),
+      0);
   ASSERT_TRUE(RunUntil([&] { return RuleTexts().size() == 1; }, 5s, 20ms));
-  ASSERT_EQ(bed_->Ip("r", "route del default table 100007"), 0);
-  ASSERT_TRUE(RunUntil([&] { return Gateways(100007).size() == 1; }, 5s, 20ms));
+  ASSERT_EQ(bed_->Ip("r", "route del default table " + std::to_string(Table("10.0.2.2"))), 0);
+  ASSERT_TRUE(RunUntil([&] { return Gateways("10.0.2.2").size() == 1; }, 5s, 20ms));
   ASSERT_TRUE(Settle());
   EXPECT_EQ(Status(7), 1u);
   EXPECT_EQ(PingPath(), "rb2");

@@ -30,14 +30,30 @@ TEST(KernelPriorityTest, EveryRuleIsConsultedBeforeTheMainTable) {
   EXPECT_EQ(KernelPriority(UINT32_MAX), 32765u);
 }
 
-TEST(RuleLayoutTest, NextHopRuleLooksUpItsOwnTable) {
+TEST(RuleLayoutTest, NextHopRuleLooksUpTheTableOfItsNextHop) {
   auto layout =
       LayOut(7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Via("10.0.2.2").Build(), Names);
   ASSERT_TRUE(layout.error.empty()) << layout.error;
   ASSERT_EQ(layout.rules.size(), 1u);
-  EXPECT_EQ(Describe(layout.rules[0]), "pref 11 from 10.1.0.0/16 lookup 100007");
+  // 10.0.2.2 read as a number: 10 << 24 | 2 << 8 | 2.
+  EXPECT_EQ(Describe(layout.rules[0]), "pref 11 from 10.1.0.0/16 lookup 167772674");
   ASSERT_TRUE(layout.route);
-  EXPECT_EQ(Describe(*layout.route), "default via 10.0.2.2 table 100007 metric 7");
+  EXPECT_EQ(Describe(*layout.route), "default via 10.0.2.2 table 167772674 metric 167772674");
+}
+
+TEST(RuleLayoutTest, RulesWithOneNextHopShareItsTable) {
+  auto a = LayOut(1, EntryBuilder(1).From("10.1.0.0/16").Via("192.168.7.1").Build(), Names);
+  auto b = LayOut(2, EntryBuilder(2).To("10.2.0.0/16").Via("192.168.7.1").Build(), Names);
+  auto c = LayOut(3, EntryBuilder(3).To("10.2.0.0/16").Via("192.168.7.2").Build(), Names);
+  ASSERT_TRUE(a.route && b.route && c.route);
+  EXPECT_EQ(*a.route, *b.route);
+  EXPECT_EQ(a.rules[0].table, b.rules[0].table);
+  EXPECT_NE(a.rules[0].table, c.rules[0].table);
+  EXPECT_NE(a.route->metric, c.route->metric);
+  EXPECT_TRUE(IsNextHopRoute(*a.route));
+  // Only the exact shape is ours: another table or metric for the same gateway is foreign.
+  EXPECT_FALSE(IsNextHopRoute(DefaultRoute{100007, a.route->gateway, a.route->metric}));
+  EXPECT_FALSE(IsNextHopRoute(DefaultRoute{a.route->table, a.route->gateway, 7}));
 }
 
 TEST(RuleLayoutTest, RuleWithoutNextHopLooksUpMain) {
@@ -68,17 +84,7 @@ TEST(RuleLayoutTest, OneRulePerIngressInterface) {
   ASSERT_EQ(layout.rules.size(), 2u);
   EXPECT_EQ(layout.rules[0].iif, "eth1");
   EXPECT_EQ(layout.rules[1].iif, "eth2");
-  EXPECT_EQ(layout.rules[0].table, TableOf(9));
-}
-
-TEST(RuleLayoutTest, EveryIdHasItsOwnTableClearOfReservedOnes) {
-  for (uint32_t id : {0u, 1u, 253u, 65535u}) {
-    uint32_t table = TableOf(static_cast<uint16_t>(id));
-    EXPECT_TRUE(IsRuleTable(table));
-    EXPECT_TRUE(table != 0 && (table < 253 || table > 255));
-  }
-  EXPECT_FALSE(IsRuleTable(kMainTable));
-  EXPECT_NE(MetricOf(1), MetricOf(2));
+  EXPECT_EQ(layout.rules[0].table, TableOf(Ip("10.0.0.1").s_addr));
 }
 
 TEST(RuleLayoutTest, InvalidInputIsRefusedWithAReason) {
@@ -92,7 +98,11 @@ TEST(RuleLayoutTest, InvalidInputIsRefusedWithAReason) {
        "source mask 255.0.255.0 is not a prefix mask"},
       {"unknown interface", EntryBuilder(1).Iif(99).Build(), "unknown ingress interface id 99"},
       {"overlong interface name", EntryBuilder(1).Iif(3).Build(), "invalid ingress interface name"},
-      {"next hop 0.0.0.0", EntryBuilder(1).Via("0.0.0.0").Build(), "next hop 0.0.0.0"},
+      {"next hop 0.0.0.0", EntryBuilder(1).Via("0.0.0.0").Build(),
+       "next hop 0.0.0.0 is not a gateway"},
+      // Its table would be the kernel's main table.
+      {"next hop 0.0.0.254", EntryBuilder(1).Via("0.0.0.254").Build(),
+       "next hop 0.0.0.254 is not a gateway"},
   };
   for (const auto& c : cases) {
     auto layout = LayOut(1, c.entry, Names);

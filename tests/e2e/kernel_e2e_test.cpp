@@ -1,0 +1,240 @@
+// The element end to end on the kernel backend: pbr-mgmtd and pbr-app run as separate processes
+// in the router namespace of a routed test network (started with `ip netns exec`), in the test's
+// own runtime and state directories; the operator commits rules with pbr-cli and reads
+// `show pbr ID --json`, and bounded pings from the source host show which next hop carries the
+// traffic.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/element/cli/child_process.h"
+#include "tests/element/kernel/testbed.h"
+#include "tests/element/middleware/element_env.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using pbrtest::Child;
+using pbrtest::ChildResult;
+using pbrtest::TestBed;
+
+// The path of `program` on PATH (posix_spawn does not search it).
+std::string Which(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
+  for (size_t at = 0; at <= dirs.size();) {
+    size_t end = dirs.find(':', at);
+    if (end == std::string::npos) end = dirs.size();
+    std::filesystem::path candidate = std::filesystem::path(dirs.substr(at, end - at)) / program;
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate.string();
+    at = end + 1;
+  }
+  return program;
+}
+
+// Rule 7 as the operator commits it: traffic from a's subnet arriving on ra goes to `next_hop`.
+std::vector<std::string> Rule7(const std::string& next_hop) {
+  return {"set",
+          "/router/pbr{7}/rule/priority",
+          "10",
+          "--",
+          "set",
+          "/router/pbr{7}/rule/match/interface{ra}",
+          "--",
+          "set",
+          "/router/pbr{7}/rule/match/source/ipv4-address/mask/ip",
+          "10.1.0.0/16",
+          "--",
+          "set",
+          "/router/pbr{7}/rule/action/next-hop/ip",
+          next_hop};
+}
+
+class KernelE2e : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    bed_ = std::make_unique<TestBed>();
+    if (!bed_->ok()) GTEST_SKIP() << bed_->error();
+    env_.Set("PBR_ELEMENT_BACKEND", "kernel");
+    // The backend's status changes, adoption and refusals; the daemon's own records stay off.
+    env_.Set("PBR_ELEMENT_TRACE", "pbr-app=40");
+    env_.Set("PBR_ELEMENT_LOG", AppLog());
+    mgmtd_ = InRouter(PBR_MGMTD_BIN);
+    ASSERT_TRUE(mgmtd_->WaitForOutput("serving", 20s))
+        << "pbr-mgmtd did not start: " << mgmtd_->out() << mgmtd_->err();
+    app_ = InRouter(PBR_APP_BIN);
+  }
+
+  void TearDown() override {
+    if (HasFailure()) std::cerr << "pbr-app log:\n" << pbrtest::ElementEnv::Read(AppLog());
+    for (auto* child : {&app_, &mgmtd_}) {
+      if (!*child) continue;
+      (*child)->Signal(SIGTERM);
+      const ChildResult end = (*child)->Finish(10s);
+      EXPECT_EQ(end.status, 0) << end.out << end.err;
+      child->reset();
+    }
+    bed_.reset();
+  }
+
+  std::string AppLog() const { return (env_.root() / "pbr-app.log").string(); }
+
+  // A program started in namespace r; it inherits the test's element environment.
+  std::unique_ptr<Child> InRouter(const std::string& program) {
+    return std::make_unique<Child>(
+        std::vector<std::string>{Which("ip"), "netns", "exec", bed_->Ns("r"), program});
+  }
+
+  // Stops pbr-app as its service manager would and starts it again.
+  void RestartApp() {
+    app_->Signal(SIGTERM);
+    const ChildResult end = app_->Finish(10s);
+    app_.reset();
+    ASSERT_EQ(end.status, 0) << end.out << end.err;
+    app_ = InRouter(PBR_APP_BIN);
+  }
+
+  ChildResult Cli(std::vector<std::string> args) {
+    args.insert(args.begin(), PBR_CLI_BIN);
+    return pbrtest::RunChild(std::move(args), {}, 20s);
+  }
+
+  void Commit(const std::vector<std::string>& args) {
+    const ChildResult r = Cli(args);
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+  }
+
+  // Rule `id`'s hw-status as `show pbr ID --json` gives it; "" when the view has no answer.
+  std::string HwStatus(uint32_t id) {
+    const ChildResult r = Cli({"show", "pbr", std::to_string(id), "--json"});
+    if (r.status != 0) return "";
+    auto json = nlohmann::json::parse(r.out, nullptr, false);
+    try {
+      return json.at("pbr:router").at("pbr-status").at(0).at("rule").value("hw-status", "");
+    } catch (const nlohmann::json::exception&) {
+      return "";
+    }
+  }
+
+  // Polls until `done` holds, at most `limit`. The view has no change events to wait for.
+  static bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = 15s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(50ms);
+    }
+    return true;
+  }
+
+  bool AwaitHwStatus(uint32_t id, const std::string& status) {
+    return Eventually([&] { return HwStatus(id) == status; });
+  }
+
+  // Which of r's next-hop links carried a short ping from a to 10.9.9.9: "rb1", "rb2" or "?".
+  std::string PingPath() {
+    const uint64_t b1 = bed_->TxPackets("rb1"), b2 = bed_->TxPackets("rb2");
+    pbrtest::BackgroundPing ping(*bed_, 5, 20);
+    auto [sent, received] = ping.Wait();
+    EXPECT_EQ(received, sent) << "pings lost";
+    const uint64_t d1 = bed_->TxPackets("rb1") - b1, d2 = bed_->TxPackets("rb2") - b2;
+    if (d1 >= 5 && d2 < 5) return "rb1";
+    if (d2 >= 5 && d1 < 5) return "rb2";
+    return "? (rb1 +" + std::to_string(d1) + ", rb2 +" + std::to_string(d2) + ")";
+  }
+
+  // Waits until the ping has gone `packets` more packets out of `dev`.
+  void AwaitTraffic(const std::string& dev, uint64_t packets) {
+    const uint64_t start = bed_->TxPackets(dev);
+    ASSERT_TRUE(Eventually([&] { return bed_->TxPackets(dev) >= start + packets; }, 5s))
+        << "no traffic on " << dev;
+  }
+
+  // Every rule and route of the backend's protocol in r, as ip prints them.
+  nlohmann::json KernelObjects() {
+    return {{"rules", bed_->Rules(77)},
+            {"routes", bed_->IpJson("r", "route show table all proto 77")}};
+  }
+
+  pbrtest::ElementEnv env_;
+  std::unique_ptr<TestBed> bed_;
+  std::unique_ptr<Child> mgmtd_;
+  std::unique_ptr<Child> app_;
+};
+
+TEST_F(KernelE2e, CommittedRuleSteersTrafficAndItsDeletionReturnsItToTheMainTable) {
+  EXPECT_EQ(PingPath(), "rb1");
+  Commit(Rule7("10.0.2.2"));
+  ASSERT_TRUE(AwaitHwStatus(7, "programmed")) << HwStatus(7);
+  EXPECT_EQ(PingPath(), "rb2");
+
+  Commit({"delete", "/router/pbr{7}"});
+  ASSERT_TRUE(Eventually([&] { return bed_->Rules(77).empty(); })) << KernelObjects().dump();
+  EXPECT_EQ(PingPath(), "rb1");
+  ASSERT_TRUE(Eventually([&] { return KernelObjects()["routes"].empty(); }))
+      << KernelObjects().dump();
+}
+
+TEST_F(KernelE2e, ChangedNextHopMovesTrafficWithoutLoss) {
+  Commit(Rule7("10.0.2.2"));
+  ASSERT_TRUE(AwaitHwStatus(7, "programmed")) << HwStatus(7);
+
+  pbrtest::BackgroundPing ping(*bed_, 150, 10);
+  AwaitTraffic("rb2", 20);
+  Commit({"set", "/router/pbr{7}/rule/action/next-hop/ip", "10.0.1.2"});
+  AwaitTraffic("rb1", 20);
+  auto [sent, received] = ping.Wait();
+  EXPECT_EQ(sent, 150);
+  EXPECT_EQ(received, sent) << "packets lost while the next hop changed";
+  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(HwStatus(7), "programmed");
+}
+
+TEST_F(KernelE2e, RestartOfTheDaemonLosesNoPacketsAndLeavesNoStaleObjects) {
+  Commit(Rule7("10.0.2.2"));
+  Commit({"set", "/router/pbr{8}/rule/priority", "20", "--", "set",
+          "/router/pbr{8}/rule/match/destination/ipv4-address/mask/ip", "10.8.0.0/16", "--", "set",
+          "/router/pbr{8}/rule/action/next-hop/ip", "10.0.1.2"});
+  Commit({"set", "/router/pbr{9}/rule/priority", "30", "--", "set",
+          "/router/pbr{9}/rule/match/destination/ipv4-address/no-mask/ip", "10.9.9.8"});
+  for (uint32_t id : {7, 8, 9}) ASSERT_TRUE(AwaitHwStatus(id, "programmed")) << id;
+  const nlohmann::json before = KernelObjects();
+  ASSERT_EQ(before["rules"].size(), 3u) << before.dump();
+  ASSERT_EQ(before["routes"].size(), 2u) << before.dump();
+
+  pbrtest::BackgroundPing ping(*bed_, 200, 10);
+  AwaitTraffic("rb2", 20);
+  RestartApp();
+  for (uint32_t id : {7, 8, 9}) ASSERT_TRUE(AwaitHwStatus(id, "programmed")) << id;
+  AwaitTraffic("rb2", 20);
+  auto [sent, received] = ping.Wait();
+  EXPECT_EQ(sent, 200);
+  EXPECT_EQ(received, sent) << "packets lost across the restart";
+  EXPECT_EQ(KernelObjects(), before) << "the restarted daemon changed the kernel's objects";
+}
+
+TEST_F(KernelE2e, NextHopLinkDownShowsFailedAndTheRuleRecovers) {
+  Commit(Rule7("10.0.2.2"));
+  ASSERT_TRUE(AwaitHwStatus(7, "programmed")) << HwStatus(7);
+
+  ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
+  ASSERT_TRUE(AwaitHwStatus(7, "failed")) << HwStatus(7);
+  EXPECT_EQ(PingPath(), "rb1") << "traffic should fall back to the main table";
+
+  ASSERT_EQ(bed_->Ip("b2", "link set b2r up"), 0);
+  ASSERT_EQ(bed_->Ip("b2", "route replace default via 10.0.2.1"), 0);  // b2's own, lost when down
+  ASSERT_TRUE(AwaitHwStatus(7, "programmed")) << HwStatus(7);
+  EXPECT_EQ(PingPath(), "rb2");
+}
+
+}  // namespace
