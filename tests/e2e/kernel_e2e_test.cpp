@@ -71,8 +71,13 @@ class KernelE2e : public ::testing::Test {
     env_.Set("PBR_ELEMENT_TRACE", "pbr-app=40");
     env_.Set("PBR_ELEMENT_LOG", AppLog());
     mgmtd_ = InRouter(PBR_MGMTD_BIN);
-    ASSERT_TRUE(mgmtd_->WaitForOutput("serving", 20s))
-        << "pbr-mgmtd did not start: " << mgmtd_->out() << mgmtd_->err();
+    // The server logs to the element log once its socket accepts connections.
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (pbrtest::ElementEnv::Read(AppLog()).find("serving") == std::string::npos) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline)
+          << "pbr-mgmtd did not start: " << mgmtd_->out() << mgmtd_->err();
+      std::this_thread::sleep_for(10ms);
+    }
     app_ = InRouter(PBR_APP_BIN);
   }
 
