@@ -1,5 +1,7 @@
 #include "common/netmask.h"
 
+#include <arpa/inet.h>
+
 #include <string>
 
 namespace pbr {
@@ -27,5 +29,11 @@ std::map<std::string, int32_t> BuildMaskToPrefixLen() {
 
 const std::map<int32_t, std::string> PrefixLenToMask = BuildPrefixLenToMask();
 const std::map<std::string, int32_t> MaskToPrefixLen = BuildMaskToPrefixLen();
+
+in_addr MaskForPrefixLen(int32_t prefixLen) {
+  in_addr mask{};
+  inet_pton(AF_INET, PrefixLenToMask.at(prefixLen).c_str(), &mask);
+  return mask;
+}
 
 }  // namespace pbr

@@ -3,6 +3,8 @@
 // std::out_of_range ("map::at").
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -11,5 +13,8 @@ namespace pbr {
 
 extern const std::map<int32_t, std::string> PrefixLenToMask;
 extern const std::map<std::string, int32_t> MaskToPrefixLen;
+
+// The mask of `prefixLen`, converted from its PrefixLenToMask text ("map::at" past 32).
+in_addr MaskForPrefixLen(int32_t prefixLen);
 
 }  // namespace pbr

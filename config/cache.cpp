@@ -21,12 +21,6 @@ bool IsSet(confd_iter_op op) {
   return op == MOP_CREATED || op == MOP_MODIFIED || op == MOP_VALUE_SET;
 }
 
-in_addr MaskForPrefixLen(int32_t prefixLen) {
-  in_addr mask{};
-  inet_pton(AF_INET, PrefixLenToMask.at(prefixLen).c_str(), &mask);
-  return mask;
-}
-
 }  // namespace
 
 ConfigCache::ConfigCache() : category(vqmw_trace_register_category("pbr-app_cache")) {}

@@ -27,12 +27,6 @@ constexpr int kReadMaskIpLine = 168;
 
 constexpr int kKeypathTextSize = 8192;
 
-in_addr MaskForPrefixLen(int32_t prefixLen) {
-  in_addr mask{};
-  inet_pton(AF_INET, PrefixLenToMask.at(prefixLen).c_str(), &mask);
-  return mask;
-}
-
 [[noreturn]] void CdbReadFault(const char* func, int line, int position, const std::string& path) {
   FatalFault(func, __FILE_NAME__, line,
              "Could not read PBR config entry '%d' at '%s' from CDB (Error: %s).", position,
