@@ -1,7 +1,5 @@
 #include "config/config_handler.h"
 
-#include <arpa/inet.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <list>
