@@ -1,4 +1,4 @@
-// Atomic replacement of a file: temporary file, fsync, rename.
+// Atomic replacement of a file: temporary file, rename.
 #include "element/pbr/atomic_file.h"
 
 #include <fcntl.h>
@@ -27,7 +27,6 @@ bool WriteFileAtomically(const std::string& path, std::string_view content, std:
     if (n <= 0) return fail("cannot write", fd);
     content.remove_prefix(static_cast<size_t>(n));
   }
-  if (fsync(fd) < 0) return fail("cannot sync", fd);
   if (close(fd) < 0) return fail("cannot close", -1);
   if (std::rename(tmp.c_str(), path.c_str()) < 0) return fail("cannot rename", -1);
   return true;

@@ -6,7 +6,9 @@
 
 namespace pbr {
 
-// Writes `content` to "<path>.tmp", syncs it and renames it over `path`. False with `error` set
+// Writes `content` to "<path>.tmp" and renames it over `path`. Not synced: the files shown this
+// way describe programmed state that does not outlive the process, so only readers need
+// protecting from a half-written file, not a crash. False with `error` set
 // (and no temporary file left) when any step fails. Blocking: for small local files.
 bool WriteFileAtomically(const std::string& path, std::string_view content, std::string* error);
 

@@ -7,7 +7,6 @@
 #include "element/middleware/loop.h"
 #include "element/pbr/atomic_file.h"
 #include "element/pbr/intf_names.h"
-#include "element/pbr/rule_json.h"
 #include "element/pbr/rule_status.h"
 #include "platform/zlog.h"
 
@@ -44,9 +43,7 @@ Error MemoryBackend::SetEntry(const uint16_t& id, const Entry& entry) {
       }
     }
   }
-  Rule& rule = rules_[id];
-  rule.entry = entry;
-  rule.json = RuleToJson(id, entry, status, ingress);
+  rules_.insert_or_assign(id, ShownRule::Of(entry, status, std::move(ingress)));
   PBR_TRACE(category_, "memory backend: rule %u set, status %u", id, status);
   Report(id, status);
   return PBR_OK;
@@ -92,15 +89,13 @@ void MemoryBackend::Flush() {
 
 void MemoryBackend::WriteState() {
   state_dirty_ = false;
-  size_t size = 64;
-  for (const auto& [id, rule] : rules_) size += rule.json.size() + 6;
   std::string text;
-  text.reserve(size);
+  text.reserve(64 + rules_.size() * 256);
   text += "{\n  \"backend\": \"memory\",\n  \"rules\": [";
   const char* separator = "\n    ";
   for (const auto& [id, rule] : rules_) {
     text += separator;
-    text += rule.json;
+    AppendRuleJson(id, rule, &text);
     separator = ",\n    ";
   }
   text += rules_.empty() ? "]\n}\n" : "\n  ]\n}\n";

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "element/pbr/rule_json.h"
 #include "platform/pbr_client.h"
 
 namespace pbr {
@@ -31,11 +32,6 @@ class MemoryBackend final : public PbrClient {
   Error RegisterStatusListener(PbrStatusItf* listener) override;
 
  private:
-  struct Rule {
-    Entry entry;
-    std::string json;  // the rule's line in the state file, made once per SetEntry
-  };
-
   void Report(uint16_t id, uint32_t status);
   void ScheduleFlush();
   void Flush();
@@ -44,7 +40,7 @@ class MemoryBackend final : public PbrClient {
   vqmw_t* mw_;
   zlog_category_t* category_;
   std::string state_path_;
-  std::map<uint16_t, Rule> rules_;
+  std::map<uint16_t, ShownRule> rules_;  // what the state file shows, by id
   PbrStatusItf* listener_ = nullptr;
   std::vector<std::pair<uint16_t, uint32_t>> reports_;  // in the order of the calls
   bool state_dirty_ = false;
