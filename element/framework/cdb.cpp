@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "element/framework/values.h"
@@ -23,8 +24,6 @@ std::map<int, const CdbSnapshot*>& Sockets() {
 }
 
 std::string Format(const char* fmt, va_list ap) {
-  // Most paths arrive already formatted.
-  if (!std::strchr(fmt, '%')) return fmt;
   va_list copy;
   va_copy(copy, ap);
   const int n = std::vsnprintf(nullptr, 0, fmt, copy);
@@ -37,7 +36,10 @@ std::string Format(const char* fmt, va_list ap) {
 // The nodes at the formatted path of a read on `sock`; CONFD_ERR with the reason set when the
 // socket or the path is bad.
 int Lookup(int sock, const char* fmt, va_list ap, CdbSnapshot::Found* nodes) {
-  const std::string path = Format(fmt, ap);
+  // Most paths arrive already formatted.
+  std::string formatted;
+  std::string_view path = fmt;
+  if (std::strchr(fmt, '%')) path = formatted = Format(fmt, ap);
   auto it = Sockets().find(sock);
   if (it == Sockets().end()) {
     SetLastError("not a CDB socket: " + std::to_string(sock));
@@ -45,7 +47,7 @@ int Lookup(int sock, const char* fmt, va_list ap, CdbSnapshot::Found* nodes) {
   }
   std::string error;
   if (!it->second->Find(path, nodes, &error)) {
-    SetLastError("bad path " + path + ": " + error);
+    SetLastError("bad path " + std::string(path) + ": " + error);
     return CONFD_ERR;
   }
   return CONFD_OK;

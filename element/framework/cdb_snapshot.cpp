@@ -1,5 +1,7 @@
 #include "element/framework/cdb_snapshot.h"
 
+#include <algorithm>
+
 #include "element/mgmt/keypath_text.h"
 
 namespace vqconfd::detail {
@@ -81,9 +83,27 @@ int CdbSnapshot::FindByKey(const Node* node, const std::string& name,
 
 bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) const {
   *out = Found{};
-  std::vector<pbr::mgmt::KeypathSegment> segments;
-  if (!pbr::mgmt::SplitKeypath(path, &segments, error)) return false;
+  // Resume below the deepest segment this path shares, whole, with the previous one.
+  const size_t common = static_cast<size_t>(
+      std::mismatch(path.begin(), path.end(), lastPath_.begin(), lastPath_.end()).first -
+      path.begin());
   const Node* node = root_;
+  size_t start = 0;
+  size_t kept = 0;
+  for (const Step& step : lastSteps_) {
+    if (step.end > common || step.end >= path.size() || path[step.end] != '/') break;
+    node = step.node;
+    start = step.end;
+    ++kept;
+  }
+  lastSteps_.resize(kept);
+  lastPath_.assign(path);
+
+  std::vector<pbr::mgmt::KeypathSegment> segments;
+  if (!pbr::mgmt::SplitKeypath(path.substr(start), &segments, error)) {
+    lastSteps_.clear();
+    return false;
+  }
   for (const pbr::mgmt::KeypathSegment& seg : segments) {
     *out = Found{};  // until this segment is found
     Run run;
@@ -114,6 +134,7 @@ bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) co
     }
     *out = Found{node, index, 1};
     node = &node->child(index);
+    lastSteps_.push_back({start + seg.end, node});
   }
   return true;
 }

@@ -1,9 +1,12 @@
 // The running configuration as the server sent it at attachment, serving the CDB reads a
 // configuration handler makes in ReadInitialConfig. Paths are ConfD's: /router/pbr[3]/id
 // addresses a list entry by position (from 0, in key order), /router/pbr{7}/id by key.
-// Lookups of long lists index them on first use, so reading every entry by position is linear.
+// Lookups of long lists index them on first use, so reading every entry by position is linear,
+// and a lookup walks only the segments in which its path differs from the previous one's, as the
+// reads of one entry's leaves share all but their last segments.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,6 +48,15 @@ class CdbSnapshot {
   const Children& IndexOf(const pbr::mgmt::Node* node) const;
   int FindByKey(const pbr::mgmt::Node* node, const std::string& name,
                 const std::vector<std::string>& keys) const;
+
+  // The previous lookup's path and, for each segment it descended through, where that segment
+  // ends in the path and the node it led to.
+  struct Step {
+    size_t end;
+    const pbr::mgmt::Node* node;
+  };
+  mutable std::string lastPath_;
+  mutable std::vector<Step> lastSteps_;
 
   const pbr::mgmt::Node* root_;
   mutable std::unordered_map<const pbr::mgmt::Node*, Children> index_;

@@ -71,6 +71,7 @@ bool SplitKeypath(std::string_view text, std::vector<KeypathSegment>* out, std::
       *error = "unexpected text after " + seg.name;
       return false;
     }
+    seg.end = i;
     out->push_back(std::move(seg));
   }
   return true;

@@ -15,6 +15,7 @@ struct KeypathSegment {
   std::vector<std::string> keys;
   bool positional = false;
   long position = 0;
+  size_t end = 0;  // offset in the text just past this segment
 };
 
 // False with *error when the text is not a keypath.
