@@ -10,8 +10,8 @@ typedef struct limid {
   uint32_t value;
 } limid_t;
 
-// Fills *id for the interface `name`. Returns 0 when the interface exists, non-zero when the
-// identifier was made for a name that does not (yet) exist; *id is usable in both cases.
+// Fills *id for the interface `name`, whether or not an interface has that name now: the same
+// name always gets the same identifier. Returns 0, or -1 when `id` or `name` is null.
 int limid_from_intfname(limid_t* id, const char* name);
 
 }  // extern "C"

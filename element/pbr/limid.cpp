@@ -1,7 +1,4 @@
-// Logical interface identifiers: kernel ifindexes for existing interfaces, registry
-// identifiers for names that do not exist (yet).
-#include <net/if.h>
-
+// Logical interface identifiers: interned interface names.
 #include <cassert>
 #include <string>
 #include <unordered_map>
@@ -12,8 +9,8 @@
 namespace pbr {
 namespace {
 
-// Names without an interface, in the order they were first asked for; the identifier of
-// names[i] is kLimidRegistryBit | (i + 1). Lives as long as the process, like its identifiers.
+// Names in the order they were first asked for; the identifier of names[i] is
+// kLimidRegistryBit | (i + 1). Lives as long as the process, like its identifiers.
 struct Registry {
   std::unordered_map<std::string, uint32_t> ids;
   std::vector<std::string> names;
@@ -24,29 +21,14 @@ Registry& Names() {
   return *registry;
 }
 
-uint32_t RegistryId(const std::string& name) {
-  Registry& registry = Names();
-  auto [it, added] = registry.ids.try_emplace(name, 0);
-  if (added) {
-    registry.names.push_back(name);
-    assert(registry.names.size() < kLimidRegistryBit);
-    it->second = kLimidRegistryBit | static_cast<uint32_t>(registry.names.size());
-  }
-  return it->second;
-}
-
 }  // namespace
 
 std::optional<std::string> IntfNameFromLimid(limid_t id) {
-  if (id.value & kLimidRegistryBit) {
-    uint32_t index = id.value & ~kLimidRegistryBit;
-    const auto& names = Names().names;
-    if (index == 0 || index > names.size()) return std::nullopt;
-    return names[index - 1];
-  }
-  char name[IF_NAMESIZE];
-  if (id.value == 0 || if_indextoname(id.value, name) == nullptr) return std::nullopt;
-  return std::string(name);
+  if (!(id.value & kLimidRegistryBit)) return std::nullopt;
+  const uint32_t index = id.value & ~kLimidRegistryBit;
+  const auto& names = Names().names;
+  if (index == 0 || index > names.size()) return std::nullopt;
+  return names[index - 1];
 }
 
 }  // namespace pbr
@@ -57,11 +39,13 @@ extern "C" int limid_from_intfname(limid_t* id, const char* name) {
     id->value = 0;
     return -1;
   }
-  unsigned index = if_nametoindex(name);
-  if (index != 0) {
-    id->value = index;
-    return 0;
+  pbr::Registry& registry = pbr::Names();
+  auto [it, added] = registry.ids.try_emplace(name, 0);
+  if (added) {
+    registry.names.push_back(name);
+    assert(registry.names.size() < pbr::kLimidRegistryBit);
+    it->second = pbr::kLimidRegistryBit | static_cast<uint32_t>(registry.names.size());
   }
-  id->value = pbr::RegistryId(name);
-  return 1;
+  id->value = it->second;
+  return 0;
 }

@@ -35,7 +35,7 @@ Error MemoryBackend::SetEntry(const uint16_t& id, const Entry& entry) {
       if (auto name = IntfNameFromLimid(port)) {
         ingress.push_back(std::move(*name));
       } else {
-        // An identifier that limid_from_intfname never handed out (or a vanished ifindex).
+        // An identifier that limid_from_intfname never handed out.
         vqmw::Logger().warn("pbr-manager: rule {}: unknown ingress interface id {:#x}", id,
                             port.value);
         ingress.push_back("limid:" + std::to_string(port.value));
