@@ -15,7 +15,9 @@
 // - in a get-object request, that entry is answered with the exception's text and the others
 //   as usual.
 #include <errno.h>
+#include <malloc.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -27,6 +29,7 @@
 #include <cstring>
 #include <exception>
 #include <map>
+#include <new>
 #include <string>
 
 #include "element/framework/cdb.h"
@@ -50,6 +53,28 @@ namespace {
 using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds kFirstRetry = 100ms;
 constexpr std::chrono::milliseconds kLastRetry = 5000ms;
+// A message's arena takes its blocks straight from the kernel: a snapshot of tens of thousands
+// of rules fills hundreds of megabytes of blocks, and blocks from malloc's heap would interleave
+// with the handlers' long-lived objects and keep the heap from shrinking once they are freed.
+void* MapBlock(size_t size) {
+  void* block = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (block == MAP_FAILED) throw std::bad_alloc();
+  return block;
+}
+void UnmapBlock(void* block, size_t size) {
+  munmap(block, size);
+}
+google::protobuf::ArenaOptions ArenaOptions() {
+  google::protobuf::ArenaOptions options;
+  options.start_block_size = 64 << 10;
+  options.max_block_size = 1 << 20;
+  options.block_alloc = MapBlock;
+  options.block_dealloc = UnmapBlock;
+  return options;
+}
+
+// Messages from this size on are followed by returning the heap's free memory to the system.
+constexpr size_t kTrimAfter = 1 << 20;
 
 }  // namespace
 
@@ -216,22 +241,27 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
   }
   if (revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
     const pbr::mgmt::FramedStream::Io io = stream.ReadFrom(fd);
-    std::string payload;
+    std::string_view payload;
+    size_t largest = 0;
     for (;;) {
       const pbr::mgmt::FramedStream::Frame frame = stream.Next(&payload);
       if (frame == pbr::mgmt::FramedStream::Frame::kIncomplete) break;
       // Snapshots and bulk commits are hundreds of thousands of small messages: an arena makes
       // and frees them at once.
-      google::protobuf::Arena arena;
+      google::protobuf::Arena arena(ArenaOptions());
       auto* message = google::protobuf::Arena::CreateMessage<pbr::mgmt::ServerMessage>(&arena);
       if (frame == pbr::mgmt::FramedStream::Frame::kOversized ||
-          !message->ParseFromString(payload)) {
+          !message->ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
         Drop("malformed message from the server");
         return;
       }
+      largest = std::max(largest, payload.size());
       Handle(*message);
       if (generation != gen) return;  // a handler's exception dropped the connection
     }
+    // A snapshot or bulk commit leaves hundreds of megabytes free in the heap that malloc keeps
+    // for itself; give them back, or the daemon's resident size stays at its peak.
+    if (largest >= kTrimAfter) malloc_trim(0);
     if (io != pbr::mgmt::FramedStream::Io::kOk) {
       Drop(io == pbr::mgmt::FramedStream::Io::kClosed ? "closed by the server" : "read failed");
       return;

@@ -5,6 +5,19 @@
 #include <unistd.h>
 
 namespace pbr::mgmt {
+namespace {
+
+// Empties a buffer; one that a bulk message grew is freed, so that a connection idles small.
+void Release(std::string* buffer) {
+  constexpr size_t kKeep = 1 << 20;
+  if (buffer->capacity() > kKeep) {
+    std::string().swap(*buffer);
+  } else {
+    buffer->clear();
+  }
+}
+
+}  // namespace
 
 FramedStream::Io FramedStream::ReadFrom(int fd) {
   constexpr size_t kChunk = 256 * 1024;
@@ -27,6 +40,18 @@ FramedStream::Io FramedStream::ReadFrom(int fd) {
 }
 
 FramedStream::Frame FramedStream::Next(std::string* payload) {
+  std::string_view view;
+  const Frame frame = Next(&view);
+  if (frame == Frame::kComplete) payload->assign(view);
+  return frame;
+}
+
+FramedStream::Frame FramedStream::Next(std::string_view* payload) {
+  // Input that earlier frames used up goes only now, as their views lived until this call.
+  if (inOffset_ == in_.size()) {
+    Release(&in_);
+    inOffset_ = 0;
+  }
   const size_t avail = in_.size() - inOffset_;
   if (avail < 4) return Frame::kIncomplete;
   const auto* p = reinterpret_cast<const unsigned char*>(in_.data() + inOffset_);
@@ -34,12 +59,8 @@ FramedStream::Frame FramedStream::Next(std::string* payload) {
       (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
   if (len > maxFrameSize_) return Frame::kOversized;
   if (avail - 4 < len) return Frame::kIncomplete;
-  payload->assign(in_, inOffset_ + 4, len);
+  *payload = std::string_view(in_).substr(inOffset_ + 4, len);
   inOffset_ += 4 + len;
-  if (inOffset_ == in_.size()) {
-    in_.clear();
-    inOffset_ = 0;
-  }
   return Frame::kComplete;
 }
 
@@ -70,7 +91,7 @@ FramedStream::Io FramedStream::WriteTo(int fd) {
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Io::kOk;
     return Io::kError;
   }
-  out_.clear();
+  Release(&out_);
   outOffset_ = 0;
   return Io::kOk;
 }

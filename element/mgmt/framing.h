@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace pbr::mgmt {
 
@@ -26,6 +27,9 @@ class FramedStream {
   // Takes the next complete frame's payload out of the input. kOversized: the peer announced a
   // frame larger than the limit; the stream cannot be resynchronised and should be closed.
   Frame Next(std::string* payload);
+  // The same without a copy: `payload` views the input and stays valid until the next call of
+  // ReadFrom or Next.
+  Frame Next(std::string_view* payload);
 
   // Queues one message; it goes out with WriteTo.
   void Queue(const google::protobuf::MessageLite& message);
