@@ -89,19 +89,24 @@ void MemoryBackend::Flush() {
 
 void MemoryBackend::WriteState() {
   state_dirty_ = false;
-  std::string text;
-  text.reserve(64 + rules_.size() * 256);
-  text += "{\n  \"backend\": \"memory\",\n  \"rules\": [";
-  const char* separator = "\n    ";
-  for (const auto& [id, rule] : rules_) {
-    text += separator;
-    AppendRuleJson(id, rule, &text);
-    separator = ",\n    ";
-  }
-  text += rules_.empty() ? "]\n}\n" : "\n  ]\n}\n";
-
+  constexpr size_t kPart = 64 << 10;
+  auto next = rules_.begin();
+  bool started = false;
+  auto fill = [&](std::string* part) {
+    if (!started) {
+      *part += "{\n  \"backend\": \"memory\",\n  \"rules\": [";
+      started = true;
+    }
+    for (; next != rules_.end() && part->size() < kPart; ++next) {
+      *part += next == rules_.begin() ? "\n    " : ",\n    ";
+      AppendRuleJson(next->first, next->second, part);
+    }
+    if (next != rules_.end()) return true;
+    *part += rules_.empty() ? "]\n}\n" : "\n  ]\n}\n";
+    return false;
+  };
   std::string error;
-  if (!WriteFileAtomically(state_path_, text, &error))
+  if (!WriteFileAtomically(state_path_, fill, &error))
     vqmw::Logger().error("pbr-manager: cannot show the rules: {}", error);
 }
 
