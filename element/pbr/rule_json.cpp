@@ -24,12 +24,19 @@ void AppendNumber(uint32_t n, std::string* out) {
   out->append(text, end);
 }
 
+// Dotted quad, as inet_ntop writes it, without its formatted-output machinery (which took most
+// of a state file's rewrite).
 void AppendAddress(const in_addr& address, std::string* out) {
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &address, text, sizeof text);
-  out->push_back('"');
-  out->append(text);
-  out->push_back('"');
+  const auto* octets = reinterpret_cast<const unsigned char*>(&address.s_addr);
+  char text[INET_ADDRSTRLEN + 2];
+  char* end = text;
+  *end++ = '"';
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0) *end++ = '.';
+    end = std::to_chars(end, text + sizeof text, octets[i]).ptr;
+  }
+  *end++ = '"';
+  out->append(text, end);
 }
 
 // Interface names are plain ASCII in practice; anything else goes through the JSON library,
