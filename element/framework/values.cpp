@@ -2,8 +2,8 @@
 
 #include <arpa/inet.h>
 
-#include <cinttypes>
-#include <cstdio>
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -35,47 +35,72 @@ bool ParseI64(const std::string& text, int64_t min, int64_t max, int64_t* out) {
   return true;
 }
 
-// The text of a key or value as ConfD prints it in a keypath.
-std::string Text(const confd_value_t& v) {
-  char buf[64];
+template <typename T>
+void AppendNumber(T n, std::string* out) {
+  char text[24];
+  out->append(text, std::to_chars(text, text + sizeof text, n).ptr);
+}
+
+void AppendIpv4(const in_addr& address, std::string* out) {
+  const auto* octets = reinterpret_cast<const unsigned char*>(&address.s_addr);
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0) out->push_back('.');
+    AppendNumber(octets[i], out);
+  }
+}
+
+// Appends the text of a key or value as ConfD prints it in a keypath. Written without
+// formatted output: every change of a commit is printed this way.
+void AppendText(const confd_value_t& v, std::string* out) {
   switch (v.type) {
     case C_BUF:
-      return std::string(reinterpret_cast<const char*>(v.val.buf.ptr), v.val.buf.size);
+      out->append(reinterpret_cast<const char*>(v.val.buf.ptr), v.val.buf.size);
+      return;
     case C_STR:
-      return v.val.s ? v.val.s : "";
+      if (v.val.s) out->append(v.val.s);
+      return;
     case C_UINT32:
     case C_UINT8:
     case C_UINT16:
-      std::snprintf(buf, sizeof buf, "%" PRIu32, v.val.u32);
-      return buf;
+      AppendNumber(v.val.u32, out);
+      return;
     case C_INT8:
     case C_INT16:
     case C_INT32:
-      std::snprintf(buf, sizeof buf, "%" PRId32, static_cast<int32_t>(v.val.u32));
-      return buf;
+      AppendNumber(static_cast<int32_t>(v.val.u32), out);
+      return;
     case C_ENUM_VALUE:
-      std::snprintf(buf, sizeof buf, "%" PRId32, v.val.enumvalue);
-      return buf;
+      AppendNumber(v.val.enumvalue, out);
+      return;
     case C_BOOL:
-      return v.val.u32 ? "true" : "false";
+      out->append(v.val.u32 ? "true" : "false");
+      return;
     case C_IPV4:
-      inet_ntop(AF_INET, &v.val.ip, buf, sizeof buf);
-      return buf;
-    case C_IPV4_AND_PLEN: {
-      char addr[INET_ADDRSTRLEN];
-      inet_ntop(AF_INET, &v.val.ipv4prefix.ip, addr, sizeof addr);
-      std::snprintf(buf, sizeof buf, "%s/%u", addr, v.val.ipv4prefix.len);
-      return buf;
-    }
+      AppendIpv4(v.val.ip, out);
+      return;
+    case C_IPV4_AND_PLEN:
+      AppendIpv4(v.val.ipv4prefix.ip, out);
+      out->push_back('/');
+      AppendNumber(v.val.ipv4prefix.len, out);
+      return;
     case C_XMLTAG: {
       const std::string_view name = pbr::yang::NameOfTag(v.val.xmltag.tag);
-      if (!name.empty()) return std::string(name);
-      std::snprintf(buf, sizeof buf, "%" PRIu32, v.val.xmltag.tag);
-      return buf;
+      if (name.empty()) {
+        AppendNumber(v.val.xmltag.tag, out);
+      } else {
+        out->append(name);
+      }
+      return;
     }
     default:
-      return "";
+      return;
   }
+}
+
+std::string Text(const confd_value_t& v) {
+  std::string text;
+  AppendText(v, &text);
+  return text;
 }
 
 }  // namespace
@@ -189,20 +214,27 @@ const char* confd_lasterr(void) {
 }
 
 int confd_pp_kpath(char* buf, int bufsiz, const confd_hkeypath_t* hkeypath) {
-  std::string text;
+  thread_local std::string text;  // reused: the daemon prints every change's keypath
+  text.clear();
+  std::string key;
   for (int i = hkeypath->len - 1; i >= 0; --i) {
     const confd_value_t* v = hkeypath->v[i];
     if (v[0].type == C_XMLTAG) {
-      text += "/" + vqconfd::detail::Text(v[0]);
+      text += '/';
+      vqconfd::detail::AppendText(v[0], &text);
       continue;
     }
-    text += "{";
+    text += '{';
     for (int k = 0; k < MAXKEYLEN && v[k].type != 0 && v[k].type != C_NOEXISTS; ++k) {
-      std::string key = vqconfd::detail::Text(v[k]);
-      if (key.empty() || key.find_first_of(" {}\"") != std::string::npos) key = "\"" + key + "\"";
-      text += (k ? " " : "") + key;
+      if (k > 0) text += ' ';
+      key.clear();
+      vqconfd::detail::AppendText(v[k], &key);
+      const bool quote = key.empty() || key.find_first_of(" {}\"") != std::string::npos;
+      if (quote) text += '"';
+      text += key;
+      if (quote) text += '"';
     }
-    text += "}";
+    text += '}';
   }
   if (bufsiz > 0) {
     const size_t n = std::min(text.size(), static_cast<size_t>(bufsiz - 1));
