@@ -127,7 +127,7 @@ struct AppInterface::Impl {
   }
   void Handle(pbr::mgmt::ServerMessage& message);
   void TrimAfterBulk();
-  void HandleAttachReply(pbr::mgmt::AttachReply& reply);
+  void HandleAttachReply(const detail::CdbSnapshot& snapshot, uint64_t seq);
   void HandleCommit(const pbr::mgmt::Commit& commit);
   void HandleGetObjects(const pbr::mgmt::GetObjects& request);
   void Ack(uint64_t seq);
@@ -250,8 +250,23 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
     for (;;) {
       const pbr::mgmt::FramedStream::Frame frame = stream.Next(&payload);
       if (frame == pbr::mgmt::FramedStream::Frame::kIncomplete) break;
-      // Snapshots and bulk commits are hundreds of thousands of small messages: an arena makes
-      // and frees them at once.
+      if (payload.size() >= kTrimAfter) trimPending = true;
+      // The snapshot is read in place, without becoming hundreds of thousands of messages.
+      uint64_t seq = 0;
+      std::string_view root;
+      if (frame == pbr::mgmt::FramedStream::Frame::kComplete &&
+          detail::PeekAttachReply(payload, &seq, &root)) {
+        const detail::CdbSnapshot snapshot(root);
+        if (!snapshot.valid()) {
+          Drop("malformed message from the server");
+          return;
+        }
+        HandleAttachReply(snapshot, seq);
+        if (generation != gen) return;
+        continue;
+      }
+      // Bulk commits are hundreds of thousands of small messages: an arena makes and frees
+      // them at once.
       google::protobuf::Arena arena(ArenaOptions());
       auto* message = google::protobuf::Arena::CreateMessage<pbr::mgmt::ServerMessage>(&arena);
       if (frame == pbr::mgmt::FramedStream::Frame::kOversized ||
@@ -259,7 +274,6 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
         Drop("malformed message from the server");
         return;
       }
-      if (payload.size() >= kTrimAfter) trimPending = true;
       Handle(*message);
       if (generation != gen) return;  // a handler's exception dropped the connection
     }
@@ -284,9 +298,11 @@ void AppInterface::Impl::TrimAfterBulk() {
 
 void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
   switch (message.body_case()) {
-    case pbr::mgmt::ServerMessage::kAttachReply:
-      HandleAttachReply(*message.mutable_attach_reply());
+    case pbr::mgmt::ServerMessage::kAttachReply: {
+      const detail::CdbSnapshot snapshot(&message.attach_reply().root());
+      HandleAttachReply(snapshot, message.attach_reply().seq());
       return;
+    }
     case pbr::mgmt::ServerMessage::kCommit:
       HandleCommit(message.commit());
       return;
@@ -305,11 +321,10 @@ void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
   }
 }
 
-void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
+void AppInterface::Impl::HandleAttachReply(const detail::CdbSnapshot& snapshot, uint64_t seq) {
   FW_LOG(this, "attached to the management server");
   const auto attached = std::chrono::steady_clock::now();
   const uint64_t gen = generation;
-  const detail::CdbSnapshot snapshot(&reply.root());
   connectedReported = true;
   for (ConfigHandler* h : configHandlers)
     Guard("ConfdConnected", [&] { h->ConfdConnected(phase); });
@@ -335,7 +350,7 @@ void AppInterface::Impl::HandleAttachReply(pbr::mgmt::AttachReply& reply) {
             "initial configuration read and applied in %.1f ms, %.1f ms after attaching",
             std::chrono::duration<double, std::milli>(now - attached).count(),
             std::chrono::duration<double, std::milli>(now - attachSent).count());
-  Ack(reply.seq());
+  Ack(seq);
 }
 
 void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {

@@ -35,7 +35,8 @@ std::string Format(const char* fmt, va_list ap) {
 
 // The nodes at the formatted path of a read on `sock`; CONFD_ERR with the reason set when the
 // socket or the path is bad.
-int Lookup(int sock, const char* fmt, va_list ap, CdbSnapshot::Found* nodes) {
+int Lookup(int sock, const char* fmt, va_list ap, CdbSnapshot::Found* nodes,
+           const CdbSnapshot** snapshot = nullptr) {
   // Most paths arrive already formatted.
   std::string formatted;
   std::string_view path = fmt;
@@ -45,6 +46,7 @@ int Lookup(int sock, const char* fmt, va_list ap, CdbSnapshot::Found* nodes) {
     SetLastError("not a CDB socket: " + std::to_string(sock));
     return CONFD_ERR;
   }
+  if (snapshot) *snapshot = it->second;
   std::string error;
   if (!it->second->Find(path, nodes, &error)) {
     SetLastError("bad path " + std::string(path) + ": " + error);
@@ -56,18 +58,19 @@ int Lookup(int sock, const char* fmt, va_list ap, CdbSnapshot::Found* nodes) {
 // The value of the one leaf at the path, of type `type`.
 int ReadLeaf(int sock, confd_vtype type, const char* fmt, va_list ap, confd_value_t* out) {
   CdbSnapshot::Found nodes;
-  if (Lookup(sock, fmt, ap, &nodes) != CONFD_OK) return CONFD_ERR;
-  if (nodes.count != 1 || !nodes[0].has_value()) {
+  const CdbSnapshot* snapshot = nullptr;
+  if (Lookup(sock, fmt, ap, &nodes, &snapshot) != CONFD_OK) return CONFD_ERR;
+  if (nodes.count != 1 || !nodes[0].hasValue) {
     SetLastError("item does not exist");
     return CONFD_ERR;
   }
-  const pbr::mgmt::Value& value = nodes[0].value();
-  const bool stringish = type == C_BUF && value.type() == C_STR;
-  if (value.type() != static_cast<uint32_t>(type) && !stringish) {
+  const CdbSnapshot::Node& node = nodes[0];
+  const bool stringish = type == C_BUF && node.type == C_STR;
+  if (node.type != static_cast<uint32_t>(type) && !stringish) {
     SetLastError("item has a different type");
     return CONFD_ERR;
   }
-  if (!FromWire(value, out)) {
+  if (!FromWire(node.type, snapshot->Text(node), out)) {
     SetLastError("bad value");
     return CONFD_ERR;
   }
@@ -131,7 +134,8 @@ int cdb_get_str(int sock, char* rval, int n, const char* fmt, ...) {
     SetLastError("value does not fit in " + std::to_string(n) + " bytes");
     return CONFD_ERR;
   }
-  std::memcpy(rval, v.val.buf.ptr, v.val.buf.size + 1);
+  std::memcpy(rval, v.val.buf.ptr, v.val.buf.size);
+  rval[v.val.buf.size] = '\0';
   return CONFD_OK;
 }
 
@@ -157,9 +161,10 @@ int cdb_get_ipv4_and_plen(int sock, struct confd_ipv4_prefix* rval, const char* 
 
 int cdb_get_list(int sock, confd_value_t** values, int* n, const char* fmt, ...) {
   vqconfd::detail::CdbSnapshot::Found nodes;
+  const vqconfd::detail::CdbSnapshot* snapshot = nullptr;
   va_list ap;
   va_start(ap, fmt);
-  const int r = Lookup(sock, fmt, ap, &nodes);
+  const int r = Lookup(sock, fmt, ap, &nodes, &snapshot);
   va_end(ap);
   if (r != CONFD_OK) return r;
   // A leaf-list without entries does not exist, as in CDB.
@@ -169,7 +174,8 @@ int cdb_get_list(int sock, confd_value_t** values, int* n, const char* fmt, ...)
   }
   auto* array = static_cast<confd_value_t*>(std::malloc(nodes.count * sizeof(confd_value_t)));
   for (int i = 0; i < nodes.count; ++i) {
-    if (!nodes[i].has_value() || !vqconfd::detail::FromWire(nodes[i].value(), &array[i], true)) {
+    if (!nodes[i].hasValue ||
+        !vqconfd::detail::FromWire(nodes[i].type, snapshot->Text(nodes[i]), &array[i], true)) {
       for (int j = 0; j < i; ++j) confd_free_value(&array[j]);
       std::free(array);
       SetLastError("not a leaf-list");

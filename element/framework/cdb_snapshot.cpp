@@ -7,75 +7,218 @@
 namespace vqconfd::detail {
 namespace {
 
-using pbr::mgmt::Node;
-
 // Nodes with few children are searched directly; longer child lists get an index.
-constexpr int kIndexFrom = 16;
+constexpr uint32_t kIndexFrom = 16;
+// Deeper than any configuration: a bound on the recursion over a malformed message.
+constexpr int kMaxDepth = 64;
 
-bool KeysMatch(const Node& entry, const std::vector<std::string>& keys) {
-  if (entry.child_size() < static_cast<int>(keys.size())) return false;
-  for (size_t k = 0; k < keys.size(); ++k) {
-    if (entry.child(static_cast<int>(k)).value().text() != keys[k]) return false;
+// A reader of protobuf's wire format over one message's bytes.
+class WireReader {
+ public:
+  explicit WireReader(std::string_view bytes) : rest_(bytes) {}
+  bool done() const { return rest_.empty(); }
+  bool Varint(uint64_t* out) {
+    *out = 0;
+    for (int shift = 0; shift < 64 && !rest_.empty(); shift += 7) {
+      const auto byte = static_cast<unsigned char>(rest_.front());
+      rest_.remove_prefix(1);
+      *out |= uint64_t{byte & 0x7fu} << shift;
+      if (!(byte & 0x80)) return true;
+    }
+    return false;
   }
-  return true;
-}
+  bool Bytes(std::string_view* out) {
+    uint64_t size = 0;
+    if (!Varint(&size) || size > rest_.size()) return false;
+    *out = rest_.substr(0, size);
+    rest_.remove_prefix(size);
+    return true;
+  }
+  // Skips a field of the given wire type; false on a malformed or group field.
+  bool Skip(uint32_t wireType) {
+    uint64_t ignored = 0;
+    std::string_view bytes;
+    switch (wireType) {
+      case 0:
+        return Varint(&ignored);
+      case 1:
+      case 5: {
+        const size_t size = wireType == 1 ? 8 : 4;
+        if (rest_.size() < size) return false;
+        rest_.remove_prefix(size);
+        return true;
+      }
+      case 2:
+        return Bytes(&bytes);
+      default:
+        return false;
+    }
+  }
 
-std::string KeyText(const std::vector<std::string>& keys) {
-  std::string text;
-  for (const std::string& k : keys) text += k + '\0';
+ private:
+  std::string_view rest_;
+};
+
+std::string KeyText(std::string_view name, const std::vector<std::string>& keys) {
+  std::string text(name);
+  text += '\0';
+  for (const std::string& k : keys) (text += k) += '\0';
   return text;
 }
 
 }  // namespace
 
+CdbSnapshot::CdbSnapshot(std::string_view wire) {
+  Init(wire);
+}
+
+CdbSnapshot::CdbSnapshot(const pbr::mgmt::Node* root) : owned_(root->SerializeAsString()) {
+  Init(owned_);
+}
+
+void CdbSnapshot::Init(std::string_view wire) {
+  wire_ = wire;
+  nodes_.emplace_back();  // the root's place, before its children
+  Node root;
+  valid_ = Parse(wire_, &root, 0);
+  if (valid_) {
+    nodes_[0] = root;
+  } else {
+    nodes_.assign(1, Node{});
+  }
+}
+
+bool CdbSnapshot::Parse(std::string_view message, Node* out, int depth) {
+  if (depth > kMaxDepth) return false;
+  std::vector<std::string_view> children;
+  WireReader reader(message);
+  while (!reader.done()) {
+    uint64_t key = 0;
+    if (!reader.Varint(&key)) return false;
+    const auto field = static_cast<uint32_t>(key >> 3);
+    const auto wireType = static_cast<uint32_t>(key & 7);
+    std::string_view bytes;
+    if (wireType != 2 || field < 1 || field > 3) {
+      if (!reader.Skip(wireType)) return false;
+      continue;
+    }
+    if (!reader.Bytes(&bytes)) return false;
+    if (field == 1) {
+      out->nameAt = static_cast<uint32_t>(bytes.data() - wire_.data());
+      out->nameSize = static_cast<uint32_t>(bytes.size());
+    } else if (field == 3) {
+      children.push_back(bytes);
+    } else {
+      out->hasValue = true;
+      WireReader value(bytes);
+      while (!value.done()) {
+        uint64_t valueKey = 0, type = 0;
+        std::string_view text;
+        if (!value.Varint(&valueKey)) return false;
+        if (valueKey == (1 << 3 | 0)) {
+          if (!value.Varint(&type)) return false;
+          out->type = static_cast<uint32_t>(type);
+        } else if (valueKey == (2 << 3 | 2)) {
+          if (!value.Bytes(&text)) return false;
+          out->textAt = static_cast<uint32_t>(text.data() - wire_.data());
+          out->textSize = static_cast<uint32_t>(text.size());
+        } else if (!value.Skip(static_cast<uint32_t>(valueKey & 7))) {
+          return false;
+        }
+      }
+    }
+  }
+  // Children are stored together, after the nodes already stored; theirs come after them.
+  out->firstChild = static_cast<uint32_t>(nodes_.size());
+  out->childCount = static_cast<uint32_t>(children.size());
+  nodes_.resize(nodes_.size() + children.size());
+  for (size_t i = 0; i < children.size(); ++i) {
+    Node child;
+    if (!Parse(children[i], &child, depth + 1)) return false;
+    nodes_[out->firstChild + i] = child;
+  }
+  return true;
+}
+
+bool PeekAttachReply(std::string_view serverMessage, uint64_t* seq, std::string_view* root) {
+  // ServerMessage.attach_reply is field 2; AttachReply.seq field 1 and AttachReply.root field 2.
+  WireReader message(serverMessage);
+  std::string_view reply;
+  bool found = false;
+  while (!message.done()) {
+    uint64_t key = 0;
+    if (!message.Varint(&key) || key != (2 << 3 | 2) || !message.Bytes(&reply)) return false;
+    found = true;
+  }
+  if (!found) return false;
+  *seq = 0;
+  *root = {};
+  WireReader fields(reply);
+  while (!fields.done()) {
+    uint64_t key = 0;
+    if (!fields.Varint(&key)) return false;
+    if (key == (1 << 3 | 0)) {
+      if (!fields.Varint(seq)) return false;
+    } else if (key == (2 << 3 | 2)) {
+      if (!fields.Bytes(root)) return false;
+    } else if (!fields.Skip(static_cast<uint32_t>(key & 7))) {
+      return false;
+    }
+  }
+  return true;
+}
+
 const CdbSnapshot::Children& CdbSnapshot::IndexOf(const Node* node) const {
   auto [it, added] = index_.try_emplace(node);
   if (added) {
-    for (int i = 0; i < node->child_size(); ++i) {
-      Run& run = it->second.runs[node->child(i).name()];
-      if (run.count == 0) run.first = i;
+    for (uint32_t i = 0; i < node->childCount; ++i) {
+      Run& run = it->second.runs[Name(Child(*node, i))];
+      if (run.count == 0) run.first = static_cast<int>(i);
       ++run.count;
     }
   }
   return it->second;
 }
 
-int CdbSnapshot::FindByKey(const Node* node, const std::string& name,
+bool CdbSnapshot::KeysMatch(const Node& entry, const std::vector<std::string>& keys) const {
+  if (entry.childCount < keys.size()) return false;
+  for (size_t k = 0; k < keys.size(); ++k) {
+    if (Text(Child(entry, static_cast<uint32_t>(k))) != keys[k]) return false;
+  }
+  return true;
+}
+
+int CdbSnapshot::FindByKey(const Node* node, std::string_view name,
                            const std::vector<std::string>& keys) const {
-  if (node->child_size() < kIndexFrom) {
-    for (int i = 0; i < node->child_size(); ++i) {
-      const Node& c = node->child(i);
-      if (c.name() != name) continue;
-      // A leaf-list entry is keyed by its value, a list entry by its first children.
-      if (c.child_size() == 0 ? keys.size() == 1 && c.value().text() == keys[0]
-                              : KeysMatch(c, keys)) {
-        return i;
-      }
+  // A leaf-list entry is keyed by its value, a list entry by its first children.
+  auto matches = [&](const Node& c) {
+    return c.childCount == 0 ? keys.size() == 1 && Text(c) == keys[0] : KeysMatch(c, keys);
+  };
+  if (node->childCount < kIndexFrom) {
+    for (uint32_t i = 0; i < node->childCount; ++i) {
+      const Node& c = Child(*node, i);
+      if (Name(c) == name && matches(c)) return static_cast<int>(i);
     }
     return -1;
   }
   IndexOf(node);
   Children& children = index_.at(node);
   if (!children.keysIndexed) {
-    for (int i = 0; i < node->child_size(); ++i) {
-      const Node& c = node->child(i);
-      std::vector<std::string> own;
-      if (c.child_size() == 0) {
-        own.push_back(c.value().text());
-      } else {
-        // Keys come first among an entry's children; one key covers this module's lists.
-        own.push_back(c.child(0).value().text());
-      }
-      children.byKey.emplace(c.name() + '\0' + KeyText(own), i);
+    for (uint32_t i = 0; i < node->childCount; ++i) {
+      const Node& c = Child(*node, i);
+      // Keys come first among an entry's children; one key covers this module's lists.
+      const std::string key(c.childCount == 0 ? Text(c) : Text(Child(c, 0)));
+      children.byKey.emplace(KeyText(Name(c), {key}), static_cast<int>(i));
     }
     children.keysIndexed = true;
   }
-  auto it = children.byKey.find(name + '\0' + KeyText(keys));
+  auto it = children.byKey.find(KeyText(name, keys));
   if (it != children.byKey.end()) return it->second;
   // Several keys: fall back to a scan.
   if (keys.size() > 1) {
-    for (int i = 0; i < node->child_size(); ++i) {
-      if (node->child(i).name() == name && KeysMatch(node->child(i), keys)) return i;
+    for (uint32_t i = 0; i < node->childCount; ++i) {
+      const Node& c = Child(*node, i);
+      if (Name(c) == name && matches(c)) return static_cast<int>(i);
     }
   }
   return -1;
@@ -87,7 +230,7 @@ bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) co
   const size_t common = static_cast<size_t>(
       std::mismatch(path.begin(), path.end(), lastPath_.begin(), lastPath_.end()).first -
       path.begin());
-  const Node* node = root_;
+  const Node* node = &nodes_[0];
   size_t start = 0;
   size_t kept = 0;
   for (const Step& step : lastSteps_) {
@@ -107,10 +250,10 @@ bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) co
   for (const pbr::mgmt::KeypathSegment& seg : segments) {
     *out = Found{};  // until this segment is found
     Run run;
-    if (node->child_size() < kIndexFrom) {
-      for (int i = 0; i < node->child_size(); ++i) {
-        if (node->child(i).name() != seg.name) continue;
-        if (run.count == 0) run.first = i;
+    if (node->childCount < kIndexFrom) {
+      for (uint32_t i = 0; i < node->childCount; ++i) {
+        if (Name(Child(*node, i)) != seg.name) continue;
+        if (run.count == 0) run.first = static_cast<int>(i);
         ++run.count;
       }
     } else {
@@ -129,11 +272,11 @@ bool CdbSnapshot::Find(std::string_view path, Found* out, std::string* error) co
       if (run.count != 1) return true;
     } else {
       // A list or leaf-list named whole: all its entries.
-      *out = Found{node, run.first, run.count};
+      if (run.count > 0) *out = Found{&Child(*node, static_cast<uint32_t>(run.first)), run.count};
       return true;
     }
-    *out = Found{node, index, 1};
-    node = &node->child(index);
+    node = &Child(*node, static_cast<uint32_t>(index));
+    *out = Found{node, 1};
     lastSteps_.push_back({start + seg.end, node});
   }
   return true;

@@ -15,22 +15,23 @@ namespace {
 
 thread_local std::string lastError;
 
-bool ParseU64(const std::string& text, uint64_t max, uint64_t* out) {
-  if (text.empty() || text[0] == '-') return false;
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long v = std::strtoull(text.c_str(), &end, 10);
-  if (errno || *end || v > max) return false;
+bool ParseU64(std::string_view text, uint64_t max, uint64_t* out) {
+  uint64_t v = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size() || v > max) {
+    return false;
+  }
   *out = v;
   return true;
 }
 
-bool ParseI64(const std::string& text, int64_t min, int64_t max, int64_t* out) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  errno = 0;
-  const long long v = std::strtoll(text.c_str(), &end, 10);
-  if (errno || *end || v < min || v > max) return false;
+bool ParseI64(std::string_view text, int64_t min, int64_t max, int64_t* out) {
+  int64_t v = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size() || v < min ||
+      v > max) {
+    return false;
+  }
   *out = v;
   return true;
 }
@@ -106,9 +107,12 @@ std::string Text(const confd_value_t& v) {
 }  // namespace
 
 bool FromWire(const pbr::mgmt::Value& in, confd_value_t* out, bool copy) {
+  return FromWire(in.type(), in.text(), out, copy);
+}
+
+bool FromWire(uint32_t type, std::string_view text, confd_value_t* out, bool copy) {
   std::memset(out, 0, sizeof *out);
-  const std::string& text = in.text();
-  out->type = static_cast<confd_vtype>(in.type());
+  out->type = static_cast<confd_vtype>(type);
   uint64_t u = 0;
   int64_t i = 0;
   switch (out->type) {
@@ -116,9 +120,10 @@ bool FromWire(const pbr::mgmt::Value& in, confd_value_t* out, bool copy) {
       out->val.buf.size = static_cast<unsigned int>(text.size());
       if (copy) {
         out->val.buf.ptr = static_cast<unsigned char*>(std::malloc(text.size() + 1));
-        std::memcpy(out->val.buf.ptr, text.c_str(), text.size() + 1);
+        std::memcpy(out->val.buf.ptr, text.data(), text.size());
+        out->val.buf.ptr[text.size()] = '\0';
       } else {
-        out->val.buf.ptr = reinterpret_cast<unsigned char*>(const_cast<char*>(text.c_str()));
+        out->val.buf.ptr = reinterpret_cast<unsigned char*>(const_cast<char*>(text.data()));
       }
       return true;
     case C_UINT8:
@@ -145,11 +150,12 @@ bool FromWire(const pbr::mgmt::Value& in, confd_value_t* out, bool copy) {
       out->val.u32 = text == "true";
       return text == "true" || text == "false";
     case C_IPV4:
-      return inet_pton(AF_INET, text.c_str(), &out->val.ip) == 1;
+      return inet_pton(AF_INET, std::string(text).c_str(), &out->val.ip) == 1;
     case C_IPV4_AND_PLEN: {
       const size_t slash = text.find('/');
-      if (slash == std::string::npos) return false;
-      if (inet_pton(AF_INET, text.substr(0, slash).c_str(), &out->val.ipv4prefix.ip) != 1) {
+      if (slash == std::string_view::npos) return false;
+      if (inet_pton(AF_INET, std::string(text.substr(0, slash)).c_str(), &out->val.ipv4prefix.ip) !=
+          1) {
         return false;
       }
       if (!ParseU64(text.substr(slash + 1), 32, &u)) return false;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "element/mgmt/mgmt.pb.h"
@@ -14,6 +15,8 @@ namespace vqconfd::detail {
 // it) unless `copy` is set, in which case its buffer is allocated with malloc and released by
 // confd_free_value. False when the text does not parse as the type.
 bool FromWire(const pbr::mgmt::Value& in, confd_value_t* out, bool copy = false);
+// The same from a value's type and text; a C_BUF value points into `text` unless copied.
+bool FromWire(uint32_t type, std::string_view text, confd_value_t* out, bool copy = false);
 
 // The wire form of a value: its type and its text.
 void ToWire(const confd_value_t& in, pbr::mgmt::Value* out);

@@ -108,5 +108,33 @@ TEST_P(CdbReadTest, FailedReadsSayWhy) {
 // A short list is searched directly, a long one through its index.
 INSTANTIATE_TEST_SUITE_P(ListLengths, CdbReadTest, ::testing::Values(3, 40));
 
+// The snapshot as it arrives: read in place from the server's message; a damaged one is refused
+// whole, wherever it is cut.
+TEST(CdbSnapshotWire, ReadsTheAttachReplyInPlaceAndRefusesDamagedBytes) {
+  pbr::mgmt::ServerMessage message;
+  message.mutable_attach_reply()->set_seq(42);
+  *message.mutable_attach_reply()->mutable_root() = *Rules(3);
+  const std::string wire = message.SerializeAsString();
+  uint64_t seq = 0;
+  std::string_view root;
+  ASSERT_TRUE(PeekAttachReply(wire, &seq, &root));
+  EXPECT_EQ(seq, 42u);
+  const CdbSnapshot snapshot(root);
+  ASSERT_TRUE(snapshot.valid());
+  OpenCdbSocket(kSock, &snapshot);
+  EXPECT_EQ(cdb_num_instances(kSock, "/router/pbr"), 3);
+  char text[16];
+  EXPECT_EQ(cdb_get_str(kSock, text, sizeof text, "/router/pbr{30}/rule/description"), CONFD_OK);
+  EXPECT_STREQ(text, "rule 3");
+  CloseCdbSocket(kSock);
+
+  for (size_t cut = 1; cut < root.size(); cut += 7) {
+    EXPECT_FALSE(CdbSnapshot(root.substr(0, cut)).valid()) << "cut at " << cut;
+  }
+  pbr::mgmt::ServerMessage commit;
+  commit.mutable_commit()->set_seq(1);
+  EXPECT_FALSE(PeekAttachReply(commit.SerializeAsString(), &seq, &root));
+}
+
 }  // namespace
 }  // namespace vqconfd::detail
