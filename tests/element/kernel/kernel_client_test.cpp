@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/vqmw.h"
-#include "tests/element/kernel/entry_builder.h"
+#include "tests/support/entry_builder.h"
 #include "tests/element/kernel/testbed.h"
 #include "tests/element/middleware/element_env.h"
 
