@@ -47,16 +47,12 @@ TEST_F(AppTest, BindsOneConfigurationHandlerNoActionHandlerAndTheStatusHandler) 
   EXPECT_EQ(status.GetHwStatus(1), 0u);
 }
 
-TEST_F(AppTest, RunMapsEveryLoopFailureToOne) {
+TEST_F(AppTest, RunMapsEveryLoopFailureToOneAndPassesExceptionsThrough) {
   App app(mw, category, &client, &status, &cache);
   for (auto [loopResult, expected] : {std::pair{0, 0}, {-1, 1}, {5, 1}}) {
     fake::Middleware().loop = [r = loopResult] { return r; };
     EXPECT_EQ(app.Run(0), expected) << loopResult;
   }
-}
-
-TEST_F(AppTest, LoopExceptionsPassThroughRun) {
-  App app(mw, category, &client, &status, &cache);
   fake::Middleware().loop = []() -> int { throw std::runtime_error("boom"); };
   EXPECT_THROW(app.Run(0), std::runtime_error);
 }

@@ -46,17 +46,6 @@ class ConfigHandlerTest : public DaemonTest {
   ConfigHandler handler{category, &client, &cache};
 };
 
-TEST_F(ConfigHandlerTest, SubscribesOnceToRouterPbr) {
-  const auto& points = handler.GetSubscriptionPoints();
-  ASSERT_EQ(points.size(), 1u);
-  EXPECT_EQ(points[0].priority, 0);
-  EXPECT_EQ(points[0].ns, 0x7b4a9bffu);
-  EXPECT_STREQ(points[0].path, "/router/pbr");
-  EXPECT_EQ(points[0].flags, 0);
-  const vqconfd::ConfigHandler& base = handler;
-  EXPECT_EQ(&base.GetSubscriptionPoints(), &points);
-}
-
 TEST_F(ConfigHandlerTest, OneChangeTravelsFromCommitToTheManager) {
   fake::PlayCommit(handler, NewRule(7, 10, "10.0.0.1"));
   client.calls.clear();
@@ -97,11 +86,10 @@ TEST_F(ConfigHandlerTest, DispatchesEachLeafByItsDeepestTag) {
   EXPECT_THAT(view::Destination(rule.entry), Optional(std::string("192.168.2.1/255.255.255.255")));
   EXPECT_EQ(view::Source(rule.entry), std::nullopt);
   EXPECT_THAT(cache.changedIds, ElementsAre(7u));
-}
 
-TEST_F(ConfigHandlerTest, TheIdLeafTakesTheIdFromItsValue) {
-  Deliver(build::IdKp(7), MOP_VALUE_SET, U32(9));
-  EXPECT_EQ(cache.configs.count(7), 0u);
+  // The id leaf takes the id from its value.
+  Deliver(build::IdKp(8), MOP_VALUE_SET, U32(9));
+  EXPECT_EQ(cache.configs.count(8), 0u);
   EXPECT_EQ(cache.configs.at(9).id, 9u);
 }
 
@@ -190,32 +178,32 @@ TEST_F(ConfigHandlerTest, ARuleDeletedInTheCommitSkipsItsChildren) {
   EXPECT_THAT(cache.configs, IsEmpty());
 }
 
-TEST_F(ConfigHandlerTest, AnIdInBothSetsIsSentThenDeleted) {
+TEST_F(ConfigHandlerTest, EdgeCommitsSendWhatTheIdSetsHold) {
+  // An id in both sets is sent, recreated empty by the commit's lookup, then deleted.
   fake::PlayCommit(handler,
                    {Set(build::NextHopKp(8), Ipv4("10.0.0.8")), Deleted(build::RuleKp(8))});
   EXPECT_THAT(client.Summary(), ElementsAre("set 8", "delete 8"));
-  EXPECT_EQ(client.calls[0].entry, Entry{});  // recreated empty by the commit's lookup
-}
+  EXPECT_EQ(client.calls[0].entry, Entry{});
+  client.calls.clear();
 
-TEST_F(ConfigHandlerTest, ApplyingTwiceWithoutStartingSendsTheSameCallsAgain) {
+  // Applying twice without starting sends the same calls again.
   fake::PlayCommit(handler,
                    {Set(build::NextHopKp(2), Ipv4("10.0.0.2")), Deleted(build::RuleKp(1))});
   handler.ApplyCommitConfig();
   EXPECT_THAT(client.Summary(), ElementsAre("set 2", "delete 1", "set 2", "delete 1"));
-}
-
-TEST_F(ConfigHandlerTest, ACommitWithNothingUnderPbrSendsNothing) {
-  fake::PlayCommit(handler, NewRule(2, 1, "10.0.0.2"));
   client.calls.clear();
-  fake::PlayCommit(handler, {});
-  EXPECT_THAT(client.calls, IsEmpty());
-  EXPECT_THAT(fake::Middleware().Texts("StartCommit"), ElementsAre("Entry Point", "Entry Point"));
-}
 
-TEST_F(ConfigHandlerTest, RuleIdsReachTheManagerAsTheirLowSixteenBits) {
+  // Rule ids reach the manager as their low sixteen bits.
   fake::PlayCommit(handler, {Set(build::NextHopKp(65536 + 3), Ipv4("10.0.0.3")),
                              Deleted(build::RuleKp(65536 + 4))});
   EXPECT_THAT(client.Summary(), ElementsAre("set 3", "delete 4"));
+  client.calls.clear();
+
+  // A commit with nothing under /router/pbr sends nothing.
+  fake::PlayCommit(handler, {});
+  EXPECT_THAT(client.calls, IsEmpty());
+  EXPECT_THAT(fake::Middleware().Texts("StartCommit"),
+              ElementsAre("Entry Point", "Entry Point", "Entry Point", "Entry Point"));
 }
 
 }  // namespace

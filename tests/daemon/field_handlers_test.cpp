@@ -35,17 +35,15 @@ class FieldHandlersTest : public DaemonTest {
   const confd_value_t none{};
 };
 
-TEST_F(FieldHandlersTest, IdStoresAllBitsInTheRecordAndTheLowSixteenInTheEntry) {
+TEST_F(FieldHandlersTest, IdPriorityAndDescriptionFillTheRecordButNeverMarkTheRule) {
   uint32_t id = 70000;
   EXPECT_EQ(cache.SetPbrId(id), ITER_RECURSE);
   EXPECT_EQ(cache.configs.at(70000).id, 70000u);
   EXPECT_EQ(Rule(70000).getId(), 70000 & 0xffff);
   EXPECT_THAT(fake::Middleware().Texts("SetPbrId"), ElementsAre("Id = '70000'"));
-  EXPECT_THAT(cache.changedIds, IsEmpty());
-}
 
-TEST_F(FieldHandlersTest, PriorityCreatesAnUncachedRuleWithOnlyThePriority) {
-  uint32_t id = 12;
+  // The priority creates an uncached rule with only the priority.
+  id = 12;
   EXPECT_EQ(cache.SetPbrPrio(id, build::U32(40)), ITER_RECURSE);
   const PbrConfig& config = cache.configs.at(12);
   EXPECT_EQ(config.id, 0u);
@@ -53,11 +51,9 @@ TEST_F(FieldHandlersTest, PriorityCreatesAnUncachedRuleWithOnlyThePriority) {
   EXPECT_EQ(config.entry.getPriority(), 40u);
   EXPECT_TRUE(config.entry.matches().empty());
   EXPECT_THAT(fake::Middleware().Texts("SetPbrPrio"), ElementsAre("Prio = '40'"));
-  EXPECT_THAT(cache.changedIds, IsEmpty());
-}
 
-TEST_F(FieldHandlersTest, DescriptionIsReplacedAndEmptiedButNeverMarksTheRule) {
-  uint32_t id = 4;
+  // The description is replaced, left alone by other operations, and emptied.
+  id = 4;
   EXPECT_EQ(cache.HandlePbrDescription(id, MOP_VALUE_SET, build::Buf("to the lab")), ITER_RECURSE);
   EXPECT_EQ(cache.configs.at(4).description, "to the lab");
   EXPECT_EQ(cache.HandlePbrDescription(id, MOP_MOVED_AFTER, build::Buf("x")), ITER_RECURSE);
@@ -66,14 +62,10 @@ TEST_F(FieldHandlersTest, DescriptionIsReplacedAndEmptiedButNeverMarksTheRule) {
   EXPECT_EQ(cache.configs.at(4).description, "");
   EXPECT_THAT(fake::Middleware().Texts("HandlePbrDescription"),
               ElementsAre("Set Description = 'to the lab'", "Deleting."));
-  EXPECT_THAT(cache.changedIds, IsEmpty());
-}
-
-TEST_F(FieldHandlersTest, DescriptionReadsTheBufferUpToItsFirstNul) {
-  uint32_t id = 4;
-  confd_value_t value = build::Buf(std::string("abc\0def", 7));
-  cache.HandlePbrDescription(id, MOP_CREATED, value);
+  // It is read up to its first NUL.
+  cache.HandlePbrDescription(id, MOP_CREATED, build::Buf(std::string("abc\0def", 7)));
   EXPECT_EQ(cache.configs.at(4).description, "abc");
+  EXPECT_THAT(cache.changedIds, IsEmpty());
 }
 
 TEST_F(FieldHandlersTest, NextHopIsReplacedAndRemovedAndAlwaysMarksTheRule) {
@@ -108,21 +100,20 @@ TEST_F(FieldHandlersTest, AddressRecordsAreSkippedWhenTheTraceLevelIsOff) {
   EXPECT_THAT(view::NextHop(Rule(3)), Optional(std::string("10.0.0.1")));
 }
 
-TEST_F(FieldHandlersTest, HostAddressGetsTheThirtyTwoBitMask) {
+TEST_F(FieldHandlersTest, AddressesGetTheirMaskAndKeepTheirHostBits) {
   EXPECT_EQ(MatchIp(1, pbr_source, pbr_no_mask, MOP_CREATED, Ipv4("192.0.2.7")), ITER_RECURSE);
   EXPECT_THAT(view::Source(Rule(1)), Optional(std::string("192.0.2.7/255.255.255.255")));
   EXPECT_THAT(fake::Middleware().Texts("SetPbrMatchSrcIp"),
               ElementsAre("source ip = '192.0.2.7 - 255.255.255.255'"));
-}
-
-TEST_F(FieldHandlersTest, MaskedAddressKeepsItsHostBits) {
   MatchIp(1, pbr_destination, pbr_mask, MOP_VALUE_SET, Ipv4AndPlen("10.1.2.3", 8));
   EXPECT_THAT(view::Destination(Rule(1)), Optional(std::string("10.1.2.3/255.0.0.0")));
   EXPECT_THAT(fake::Middleware().Texts("SetPbrMatchDstIp"),
               ElementsAre("destination ip = '10.1.2.3 - 255.0.0.0'"));
   MatchIp(1, pbr_destination, pbr_mask, MOP_VALUE_SET, Ipv4AndPlen("0.0.0.0", 0));
   EXPECT_THAT(view::Destination(Rule(1)), Optional(std::string("0.0.0.0/0.0.0.0")));
-  EXPECT_EQ(view::Source(Rule(1)), std::nullopt);
+  // Another operation stores the zero match.
+  EXPECT_EQ(MatchIp(1, pbr_source, pbr_mask, MOP_MOVED_AFTER, none), ITER_RECURSE);
+  EXPECT_THAT(view::Source(Rule(1)), Optional(std::string("0.0.0.0/0.0.0.0")));
 }
 
 TEST_F(FieldHandlersTest, DeletingAnAddressRemovesThatMatchWhateverItsFormAndSkipsChildren) {
@@ -133,18 +124,9 @@ TEST_F(FieldHandlersTest, DeletingAnAddressRemovesThatMatchWhateverItsFormAndSki
   EXPECT_THAT(view::Destination(Rule(1)), Optional(std::string("192.168.2.1/255.255.255.255")));
   EXPECT_EQ(MatchIp(1, pbr_destination, pbr_mask, MOP_DELETED, none), ITER_CONTINUE);
   EXPECT_EQ(view::Destination(Rule(1)), std::nullopt);
-}
-
-TEST_F(FieldHandlersTest, EveryAddressChangeMarksTheRuleTheKeypathNames) {
-  MatchIp(21, pbr_source, pbr_mask, MOP_CREATED, Ipv4AndPlen("10.1.0.0", 16));
+  // Every address change marks the rule the keypath names.
   MatchIp(22, pbr_source, pbr_mask, MOP_DELETED, none);
-  EXPECT_THAT(cache.changedIds, ElementsAre(21u, 22u));
-}
-
-TEST_F(FieldHandlersTest, AnOtherOperationOnAnAddressStoresTheZeroMatch) {
-  MatchIp(1, pbr_source, pbr_mask, MOP_CREATED, Ipv4AndPlen("10.1.0.0", 16));
-  EXPECT_EQ(MatchIp(1, pbr_source, pbr_mask, MOP_MOVED_AFTER, none), ITER_RECURSE);
-  EXPECT_THAT(view::Source(Rule(1)), Optional(std::string("0.0.0.0/0.0.0.0")));
+  EXPECT_THAT(cache.changedIds, ElementsAre(1u, 22u));
 }
 
 TEST_F(FieldHandlersTest, APrefixLengthAboveThirtyTwoLeavesTheMatchButMarksTheRule) {
@@ -172,25 +154,21 @@ TEST_F(FieldHandlersTest, ValueTypesAreCheckedWithTheirExpressionText) {
                "\\(&value\\)->type == C_IPV4_AND_PLEN");
 }
 
-TEST_F(FieldHandlersTest, InterfacesAreAppendedInOrderDuplicatesIncluded) {
+TEST_F(FieldHandlersTest, InterfacesAreAppendedInOrderAndDeletedWithEveryEqualElement) {
   EXPECT_EQ(Interface(2, MOP_CREATED, "eth1"), ITER_RECURSE);
   Interface(2, MOP_CREATED, "eth2");
   Interface(2, MOP_CREATED, "eth1");
   EXPECT_THAT(view::Ports(Rule(2)),
               Optional(ElementsAre(Port("eth1"), Port("eth2"), Port("eth1"))));
+  // Another operation writes the list back unchanged.
+  EXPECT_EQ(Interface(2, MOP_MOVED_AFTER, "eth2"), ITER_RECURSE);
+  EXPECT_EQ(Interface(2, MOP_DELETED, "eth1"), ITER_RECURSE);
+  EXPECT_THAT(view::Ports(Rule(2)), Optional(ElementsAre(Port("eth2"))));
   EXPECT_THAT(fake::Middleware().Texts("HandlePbrMatchInterface"),
               ElementsAre("Setting Interface name 'eth1', total 1",
                           "Setting Interface name 'eth2', total 2",
-                          "Setting Interface name 'eth1', total 3"));
+                          "Setting Interface name 'eth1', total 3", "Deleting Interface 'eth1'."));
   EXPECT_THAT(cache.changedIds, ElementsAre(2u));
-}
-
-TEST_F(FieldHandlersTest, DeletingAnInterfaceRemovesEveryEqualElement) {
-  Interface(2, MOP_CREATED, "eth1");
-  Interface(2, MOP_CREATED, "eth2");
-  Interface(2, MOP_CREATED, "eth1");
-  EXPECT_EQ(Interface(2, MOP_DELETED, "eth1"), ITER_RECURSE);
-  EXPECT_THAT(view::Ports(Rule(2)), Optional(ElementsAre(Port("eth2"))));
 }
 
 TEST_F(FieldHandlersTest, DeletingTheLastInterfaceRemovesTheMatch) {
@@ -209,12 +187,6 @@ TEST_F(FieldHandlersTest, DeletingTheLastInterfaceRemovesTheMatch) {
                           "Setting Interface name 'eth2', total 1", "Deleting Interface 'eth9'.",
                           "Deleting Interface 'eth9'."));
   EXPECT_THAT(cache.changedIds, ElementsAre(3u, 4u));
-}
-
-TEST_F(FieldHandlersTest, AnOtherOperationOnAnInterfaceWritesTheListBackUnchanged) {
-  Interface(2, MOP_CREATED, "eth1");
-  EXPECT_EQ(Interface(2, MOP_MOVED_AFTER, "eth2"), ITER_RECURSE);
-  EXPECT_THAT(view::Ports(Rule(2)), Optional(ElementsAre(Port("eth1"))));
 }
 
 }  // namespace

@@ -43,14 +43,12 @@ class StatusTest : public DaemonTest {
   PbrStatusItf& listener = status;
 };
 
-TEST_F(StatusTest, ServesOneCallpointNamedShowPbr) {
+TEST_F(StatusTest, ServesShowPbrAndReportsOverwriteWithUnknownIdsReadingZero) {
   ASSERT_THAT(status.GetCallpoints(), SizeIs(1));
   EXPECT_STREQ(Callpoint().GetCallpointName(), "show_pbr");
   EXPECT_THAT(status.GetCallpointNames(), ElementsAre("show_pbr"));
   EXPECT_TRUE(fake::Middleware().Logged("Status handling initialized"));
-}
 
-TEST_F(StatusTest, ReportsOverwriteAndUnknownIdsReadZeroAndAreRecorded) {
   listener.StatusUpdateCb(7, 1);
   listener.StatusUpdateCb(7, 2);
   EXPECT_EQ(status.GetHwStatus(7), 2u);
@@ -96,14 +94,24 @@ TEST_F(StatusTest, ARuleIsShownWithItsAddressesActionAndStatus) {
 
 TEST_F(StatusTest, MissingMatchesAreAbsentAndAMissingNextHopIsL3Routing) {
   AddExampleRule();
+  EXPECT_EQ(Show(5)[7].enumValue, 0);  // not reported yet
   Entry& entry = cache.GetConfig(5).entry;
   entry.deleteAction(ACTION_L3_NEXT_HOP);
   entry.deleteMatch(MATCH_SRC_IPV4);
+  listener.StatusUpdateCb(5, 2);
   std::vector<fake::ReplyValue> reply = Show(5);
   ASSERT_THAT(reply, SizeIs(10));
   EXPECT_EQ(reply[3].type, C_NOEXISTS);
   EXPECT_EQ(reply[4].str, "192.168.2.1");
   EXPECT_EQ(reply[6].str, "l3-routing");
+  EXPECT_EQ(reply[7].enumValue, 2);
+
+  // A code without a name leaves the status out.
+  listener.StatusUpdateCb(5, 3);
+  reply = Show(5);
+  ASSERT_THAT(reply, SizeIs(9));
+  EXPECT_EQ(reply[7].tag, pbr_description);
+  EXPECT_EQ(reply[8].type, C_XMLEND);
 }
 
 TEST_F(StatusTest, AddressTextsKeepHostBitsAndShowZeroLengthPrefixes) {
@@ -113,22 +121,6 @@ TEST_F(StatusTest, AddressTextsKeepHostBitsAndShowZeroLengthPrefixes) {
   std::vector<fake::ReplyValue> reply = Show(6);
   EXPECT_EQ(reply[3].str, "0.0.0.0/0");
   EXPECT_EQ(reply[4].str, "10.1.2.3/16");
-}
-
-TEST_F(StatusTest, AnUnreportedRuleShowsZeroAndIsRecorded) {
-  AddExampleRule();
-  EXPECT_EQ(Show(5)[7].enumValue, 0);
-  listener.StatusUpdateCb(5, 2);
-  EXPECT_EQ(Show(5)[7].enumValue, 2);
-}
-
-TEST_F(StatusTest, ACodeWithoutANameLeavesTheStatusOut) {
-  AddExampleRule();
-  listener.StatusUpdateCb(5, 3);
-  std::vector<fake::ReplyValue> reply = Show(5);
-  ASSERT_THAT(reply, SizeIs(9));
-  EXPECT_EQ(reply[7].tag, pbr_description);
-  EXPECT_EQ(reply[8].type, C_XMLEND);
 }
 
 TEST_F(StatusTest, AnUnconfiguredIdIsShownEmptyAndCreated) {

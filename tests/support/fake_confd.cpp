@@ -133,40 +133,34 @@ const fake::Cdb::Stored* Lookup(const char* function, const std::string& path, i
 
 extern "C" {
 
+// The path a cdb_* call names, formatted as the library would.
+#define PATH_OF(fmt)                                \
+  va_list args;                                     \
+  va_start(args, fmt);                              \
+  const std::string path = fake::Format(fmt, args); \
+  va_end(args)
+
 int cdb_num_instances(int, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string path = fake::Format(fmt, args);
-  va_end(args);
+  PATH_OF(fmt);
   fake::cdb.CountRead("cdb_num_instances", path);
   return fake::cdb.NextInstanceAnswer();
 }
 
 int cdb_exists(int, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string path = fake::Format(fmt, args);
-  va_end(args);
+  PATH_OF(fmt);
   fake::cdb.CountRead("cdb_exists", path);
   return fake::cdb.Find(path) != nullptr ? 1 : 0;
 }
 
 int cdb_get_u_int32(int, uint32_t* rval, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string path = fake::Format(fmt, args);
-  va_end(args);
+  PATH_OF(fmt);
   const fake::Cdb::Stored* s = Lookup("cdb_get_u_int32", path, C_UINT32);
-  if (s == nullptr) return CONFD_ERR;
-  *rval = s->value.val.u32;
-  return CONFD_OK;
+  if (s) *rval = s->value.val.u32;
+  return s ? CONFD_OK : CONFD_ERR;
 }
 
 int cdb_get_str(int, char* rval, int n, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string path = fake::Format(fmt, args);
-  va_end(args);
+  PATH_OF(fmt);
   const fake::Cdb::Stored* s = Lookup("cdb_get_str", path, C_BUF);
   if (s == nullptr) return CONFD_ERR;
   if (static_cast<int>(s->text.size()) >= n) {
@@ -178,32 +172,21 @@ int cdb_get_str(int, char* rval, int n, const char* fmt, ...) {
 }
 
 int cdb_get_ipv4(int, struct in_addr* rval, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string path = fake::Format(fmt, args);
-  va_end(args);
+  PATH_OF(fmt);
   const fake::Cdb::Stored* s = Lookup("cdb_get_ipv4", path, C_IPV4);
-  if (s == nullptr) return CONFD_ERR;
-  *rval = s->value.val.ip;
-  return CONFD_OK;
+  if (s) *rval = s->value.val.ip;
+  return s ? CONFD_OK : CONFD_ERR;
 }
 
 int cdb_get_ipv4_and_plen(int, struct confd_ipv4_prefix* rval, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string path = fake::Format(fmt, args);
-  va_end(args);
+  PATH_OF(fmt);
   const fake::Cdb::Stored* s = Lookup("cdb_get_ipv4_and_plen", path, C_IPV4_AND_PLEN);
-  if (s == nullptr) return CONFD_ERR;
-  *rval = s->value.val.ipv4prefix;
-  return CONFD_OK;
+  if (s) *rval = s->value.val.ipv4prefix;
+  return s ? CONFD_OK : CONFD_ERR;
 }
 
 int cdb_get_list(int, confd_value_t** values, int* n, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string path = fake::Format(fmt, args);
-  va_end(args);
+  PATH_OF(fmt);
   const fake::Cdb::Stored* s = Lookup("cdb_get_list", path, 0);
   if (s == nullptr || !s->isList) return CONFD_ERR;
   *n = static_cast<int>(s->list.size());

@@ -4,10 +4,13 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <stdexcept>
 
 extern char** environ;
@@ -33,10 +36,18 @@ Child::Child(std::vector<std::string> argv, std::string input) : input_(std::mov
   posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+  // The test's own loop may block SIGTERM; the child starts with no signal blocked.
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
   std::vector<char*> args;
   for (std::string& a : argv) args.push_back(a.data());
   args.push_back(nullptr);
-  const int r = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
+  const int r = posix_spawn(&pid_, args[0], &actions, &attr, args.data(), environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   ::close(in[0]);
   ::close(out[1]);
@@ -118,6 +129,17 @@ bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds tim
   return true;
 }
 
+bool Child::WaitReadable(int fd, std::chrono::milliseconds timeout) {
+  const Clock::time_point deadline = Clock::now() + timeout;
+  bool readable = false;
+  while (!readable) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0 || !Pump(left, fd, [&] { readable = true; })) return false;
+  }
+  return true;
+}
+
 ChildResult Child::Finish(std::chrono::milliseconds timeout, int extraFd,
                           const std::function<void()>& onReadable) {
   ChildResult result;
@@ -139,6 +161,33 @@ ChildResult Child::Finish(std::chrono::milliseconds timeout, int extraFd,
   result.out = out_;
   result.err = err_;
   return result;
+}
+
+std::unique_ptr<Child> StartService(std::vector<std::string> argv, const std::string& notifyPath,
+                                    std::string* error, std::chrono::milliseconds timeout) {
+  ::unlink(notifyPath.c_str());
+  const int notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, notifyPath.c_str(), sizeof addr.sun_path - 1);
+  if (::bind(notify, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::close(notify);
+    *error = "cannot bind " + notifyPath;
+    return nullptr;
+  }
+  ::setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
+  auto child = std::make_unique<Child>(std::move(argv));
+  ::unsetenv("NOTIFY_SOCKET");
+  bool ready = false;
+  while (!ready && child->WaitReadable(notify, timeout)) {
+    char buffer[256] = {};
+    ready = ::recv(notify, buffer, sizeof buffer - 1, 0) > 0 && std::strstr(buffer, "READY=1");
+  }
+  ::close(notify);
+  ::unlink(notifyPath.c_str());
+  if (ready) return child;
+  *error = "no readiness: " + child->out() + child->err();
+  return nullptr;
 }
 
 ChildResult RunChild(std::vector<std::string> argv, std::string input,

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,9 @@ class Child {
   ChildResult Finish(std::chrono::milliseconds timeout, int extraFd = -1,
                      const std::function<void()>& onReadable = {});
 
+  // Reads output until `fd` is readable; false after `timeout` or when the child ends first.
+  bool WaitReadable(int fd, std::chrono::milliseconds timeout);
+
   void Signal(int signal);
   const std::string& out() const { return out_; }
   const std::string& err() const { return err_; }
@@ -47,6 +51,12 @@ class Child {
   size_t inputOffset_ = 0;
   std::string out_, err_;
 };
+
+// Starts `argv` as a service manager would, with NOTIFY_SOCKET at `notifyPath`, and waits for its
+// READY=1. Null, with the reason and the child's output in *error, when it ends or stays silent.
+std::unique_ptr<Child> StartService(std::vector<std::string> argv, const std::string& notifyPath,
+                                    std::string* error,
+                                    std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 // Runs `argv` to its end within `timeout`.
 ChildResult RunChild(std::vector<std::string> argv, std::string input = {},

@@ -31,20 +31,15 @@ TEST_F(Document, WellFormedJsonAndAnyXmlAreReadWhole) {
   EXPECT_EQ(text, "<router");
 }
 
-TEST_F(Document, MalformedJsonIsRefusedWithItsPosition) {
+TEST_F(Document, MalformedJsonAndUnreadableFilesAreRefusedWithWhereAndWhy) {
   std::string text, error;
   const std::string truncated = Write("t.json", "{\"pbr:router\": ");
   EXPECT_FALSE(ReadDocument(truncated, mgmt::Load::JSON, &text, &error));
   EXPECT_TRUE(error.starts_with(truncated + ":1:16: malformed JSON: ")) << error;
-
   const std::string trailing = Write("c.json", "{\"pbr:router\": {}\n,}");
-  text.clear();
   EXPECT_FALSE(ReadDocument(trailing, mgmt::Load::JSON, &text, &error));
   EXPECT_TRUE(error.starts_with(trailing + ":2:2: malformed JSON: ")) << error;
-}
 
-TEST_F(Document, UnreadableFilesNameTheReason) {
-  std::string text, error;
   const std::string missing = (env_.root() / "missing.json").string();
   EXPECT_FALSE(ReadDocument(missing, mgmt::Load::JSON, &text, &error));
   EXPECT_EQ(error, missing + ": cannot read: No such file or directory");

@@ -59,7 +59,7 @@ class CdbReadTest : public ::testing::TestWithParam<int> {
   std::unique_ptr<CdbSnapshot> snapshot_;
 };
 
-TEST_P(CdbReadTest, EntriesAreReadByPositionAndByKey) {
+TEST_P(CdbReadTest, EntriesAreReadByPositionAndByKeyAndLeafListsWhole) {
   const int n = GetParam();
   EXPECT_EQ(cdb_num_instances(kSock, "/router/pbr"), n);
   uint32_t v = 0;
@@ -76,9 +76,8 @@ TEST_P(CdbReadTest, EntriesAreReadByPositionAndByKey) {
   char text[INET_ADDRSTRLEN];
   EXPECT_STREQ(inet_ntop(AF_INET, &prefix.ip, text, sizeof text), "10.1.2.3");
   EXPECT_EQ(prefix.len, 16);
-}
 
-TEST_P(CdbReadTest, ALeafListIsReadWholeInItsOrder) {
+  // A leaf-list is read whole in its order.
   confd_value_t* values = nullptr;
   int count = 0;
   ASSERT_EQ(cdb_get_list(kSock, &values, &count, "/router/pbr[0]/rule/match/interface"), CONFD_OK);

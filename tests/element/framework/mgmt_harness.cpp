@@ -2,12 +2,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -21,57 +18,6 @@ namespace pbrtest {
 
 using pbr::mgmt::ClientMessage;
 using pbr::mgmt::Response;
-
-bool MgmtServer::Start() {
-  // The server says it is ready as a service manager would hear it: on NOTIFY_SOCKET.
-  const std::string notifyPath = vqmw::RuntimeDir() + "/test-notify.sock";
-  unlink(notifyPath.c_str());
-  const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, notifyPath.c_str(), sizeof addr.sun_path - 1);
-  if (notify < 0 || bind(notify, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    if (notify >= 0) close(notify);
-    return false;
-  }
-  pid_ = fork();
-  if (pid_ == 0) {
-    setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    execl(PBR_MGMTD, PBR_MGMTD, static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  const int exited = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-  pollfd fds[2] = {{notify, POLLIN, 0}, {exited, POLLIN, 0}};
-  bool ready = false;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!ready) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || poll(fds, exited >= 0 ? 2 : 1, static_cast<int>(left.count())) <= 0 ||
-        (fds[1].revents & POLLIN)) {
-      break;
-    }
-    char buf[256] = {};
-    if (recv(notify, buf, sizeof buf - 1, 0) > 0 && std::strstr(buf, "READY=1")) ready = true;
-  }
-  close(notify);
-  if (exited >= 0) close(exited);
-  unlink(notifyPath.c_str());
-  if (!ready) Stop(SIGKILL);
-  return ready;
-}
-
-int MgmtServer::Stop(int signal) {
-  if (pid_ <= 0) return -1;
-  kill(pid_, signal);
-  int status = 0;
-  waitpid(pid_, &status, 0);
-  pid_ = -1;
-  return status;
-}
 
 bool LoopWaiter::Until(std::function<bool()> done, std::chrono::milliseconds timeout) {
   if (done()) return true;
@@ -259,19 +205,31 @@ void RecordingConfigHandler::ReadInitialConfig(int sock) {
   for (int pos = 0; pos < cdb_num_instances(sock, "/router/pbr"); ++pos) {
     const std::string p = "/router/pbr[" + std::to_string(pos) + "]";
     uint32_t id = 0, prio = 0;
-    std::string line;
     if (cdb_get_u_int32(sock, &id, (p + "/id").c_str()) != CONFD_OK ||
         cdb_get_u_int32(sock, &prio, (p + "/rule/priority").c_str()) != CONFD_OK) {
-      line = "unreadable: " + std::string(confd_lasterr());
-      rules.push_back(line);
+      rules.push_back("unreadable: " + std::string(confd_lasterr()));
       continue;
     }
-    line = "id=" + std::to_string(id) + " prio=" + std::to_string(prio);
-    char desc[33] = {};
-    if (cdb_exists(sock, (p + "/rule/description").c_str()) &&
-        cdb_get_str(sock, desc, sizeof desc, (p + "/rule/description").c_str()) == CONFD_OK) {
-      line += " desc=" + std::string(desc);
-    }
+    std::string line = "id=" + std::to_string(id) + " prio=" + std::to_string(prio);
+    // " name=value" for an optional leaf that exists and reads into a value of `type`.
+    const auto optional = [&](const std::string& name, const std::string& leaf, int type) {
+      const std::string path = p + leaf;
+      if (!cdb_exists(sock, path.c_str())) return;
+      confd_value_t v{};
+      v.type = static_cast<confd_vtype>(type);
+      int ok = CONFD_ERR;
+      char text[33] = {};
+      if (type == C_BUF) {
+        ok = cdb_get_str(sock, text, sizeof text, path.c_str());
+        v.val.buf = {static_cast<unsigned>(strlen(text)), reinterpret_cast<unsigned char*>(text)};
+      } else if (type == C_IPV4) {
+        ok = cdb_get_ipv4(sock, &v.val.ip, path.c_str());
+      } else {
+        ok = cdb_get_ipv4_and_plen(sock, &v.val.ipv4prefix, path.c_str());
+      }
+      if (ok == CONFD_OK) line += " " + name + "=" + ValueText(&v);
+    };
+    optional("desc", "/rule/description", C_BUF);
     confd_value_t* values = nullptr;
     int n = 0;
     if (cdb_get_list(sock, &values, &n, (p + "/rule/match/interface").c_str()) == CONFD_OK) {
@@ -282,27 +240,11 @@ void RecordingConfigHandler::ReadInitialConfig(int sock) {
       }
       free(values);
     }
-    for (const char* dir : {"source", "destination"}) {
-      const std::string base = p + "/rule/match/" + dir + "/ipv4-address";
-      in_addr a{};
-      confd_ipv4_prefix prefix{};
-      char buf[INET_ADDRSTRLEN];
-      if (cdb_exists(sock, (base + "/no-mask/ip").c_str()) &&
-          cdb_get_ipv4(sock, &a, (base + "/no-mask/ip").c_str()) == CONFD_OK) {
-        line += std::string(" ") + dir + "=" + inet_ntop(AF_INET, &a, buf, sizeof buf);
-      }
-      if (cdb_exists(sock, (base + "/mask/ip").c_str()) &&
-          cdb_get_ipv4_and_plen(sock, &prefix, (base + "/mask/ip").c_str()) == CONFD_OK) {
-        line += std::string(" ") + dir + "=" + inet_ntop(AF_INET, &prefix.ip, buf, sizeof buf) +
-                "/" + std::to_string(prefix.len);
-      }
+    for (const std::string dir : {"source", "destination"}) {
+      optional(dir, "/rule/match/" + dir + "/ipv4-address/no-mask/ip", C_IPV4);
+      optional(dir, "/rule/match/" + dir + "/ipv4-address/mask/ip", C_IPV4_AND_PLEN);
     }
-    in_addr nh{};
-    char buf[INET_ADDRSTRLEN];
-    if (cdb_exists(sock, (p + "/rule/action/next-hop/ip").c_str()) &&
-        cdb_get_ipv4(sock, &nh, (p + "/rule/action/next-hop/ip").c_str()) == CONFD_OK) {
-      line += std::string(" nh=") + inet_ntop(AF_INET, &nh, buf, sizeof buf);
-    }
+    optional("nh", "/rule/action/next-hop/ip", C_IPV4);
     rules.push_back(line);
   }
   Record("ReadInitialConfig");
@@ -353,7 +295,7 @@ class RecordingDataHandler::Callpoint : public vqconfd::DataHandler::Callpoint {
   int GetObjectCallback(confd_trans_ctx* tctx, confd_hkeypath_t* kp) override {
     const uint32_t id = kp->v[0][0].val.u32;
     owner_->requested.push_back(id);
-    if (owner_->throwFor7 && id == 7) throw std::out_of_range("no mask text");
+    if (id == owner_->throwFor) throw std::out_of_range("no mask text");
     source_ = "10.0.0." + std::to_string(id % 256) + "/24";
     confd_tag_value_t tv[7];
     CONFD_SET_TAG_UINT32(&tv[0], 0x4c3fd91du, id);

@@ -3,8 +3,6 @@
 // run the loop until something recorded makes a condition true.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <csignal>
 #include <functional>
@@ -18,21 +16,30 @@
 #include "element/mgmt/mgmt.pb.h"
 #include "element/middleware/loop.h"
 #include "platform/vqconfd.h"
+#include "tests/element/cli/child_process.h"
 
 namespace pbrtest {
 
 // pbr-mgmtd in the current PBR_ELEMENT_* environment; its messages go to the element's log.
 class MgmtServer {
  public:
-  ~MgmtServer() { Stop(SIGKILL); }
-  // Starts the server and waits (at most 10 s) for its readiness notification. False when it
-  // exited or stayed silent instead.
-  bool Start();
-  // Sends `signal` and waits for the process to end; returns its exit status.
-  int Stop(int signal = SIGTERM);
+  // Starts the server and waits for its readiness; false when it exited or stayed silent.
+  bool Start() {
+    std::string error;
+    child_ = StartService({PBR_MGMTD}, vqmw::RuntimeDir() + "/test-notify.sock", &error);
+    return child_ != nullptr;
+  }
+  // Sends `signal` and waits for the end: the exit status, 128 + the signal when killed by one.
+  int Stop(int signal = SIGTERM) {
+    if (!child_) return -1;
+    child_->Signal(signal);
+    const int status = child_->Finish(std::chrono::seconds(10)).status;
+    child_.reset();
+    return status;
+  }
 
  private:
-  pid_t pid_ = -1;
+  std::unique_ptr<Child> child_;
 };
 
 // Runs the middleware loop until a condition holds: whoever records something calls Poke().
@@ -125,7 +132,7 @@ class RecordingDataHandler : public vqconfd::DataHandler {
   ~RecordingDataHandler() override;
   std::map<uint32_t, int32_t> status;
   std::vector<uint32_t> requested;
-  bool throwFor7 = false;
+  uint32_t throwFor = 0;  // the rule whose request throws
 
  private:
   class Callpoint;

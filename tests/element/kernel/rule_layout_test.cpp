@@ -6,7 +6,7 @@
 
 #include <map>
 
-#include "tests/element/kernel/entry_builder.h"
+#include "tests/support/entry_builder.h"
 
 namespace pbr::element {
 namespace {

@@ -110,22 +110,9 @@ constexpr const char* kRule7 = R"({"pbr:router":{"pbr":[{"id":7,"rule":{
            "destination":{"ipv4-address":{"no-mask":{"ip":"192.0.2.1"}}}},
   "action":{"next-hop":{"ip":"10.0.0.1"}}}}]}})";
 
-TEST_F(DatastoreTest, NewRuleIsReportedAsItsEntryThenEveryLeafInSchemaOrder) {
-  EXPECT_THAT(
-      Commit(Merge(kRule7)),
-      ElementsAre("CREATED /router/pbr{7} +8", "VALUE_SET /router/pbr{7}/id = - -> 7",
-                  "VALUE_SET /router/pbr{7}/rule/priority = - -> 10",
-                  "VALUE_SET /router/pbr{7}/rule/description = - -> seven",
-                  "CREATED /router/pbr{7}/rule/match/interface{eth1}",
-                  "CREATED /router/pbr{7}/rule/match/interface{eth2}",
-                  "VALUE_SET /router/pbr{7}/rule/match/source/ipv4-address/mask/ip = - -> "
-                  "10.1.2.3/16",
-                  "VALUE_SET /router/pbr{7}/rule/match/destination/ipv4-address/no-mask/ip = - "
-                  "-> 192.0.2.1",
-                  "VALUE_SET /router/pbr{7}/rule/action/next-hop/ip = - -> 10.0.0.1"));
-}
-
-TEST_F(DatastoreTest, ChangedLeavesComeUnderTheirModifiedEntryWithOldAndNewValues) {
+// Creation, changes and deletions as commit callbacks are covered end to end with the framework;
+// these are the diffs that a single commit there does not show.
+TEST_F(DatastoreTest, ChangesCarryOldAndNewValuesAndEntriesComeInAscendingKeyOrder) {
   Commit(Merge(kRule7));
   EXPECT_THAT(Commit(Set({{"/router/pbr{7}/rule/priority", "20"}})),
               ElementsAre("MODIFIED /router/pbr{7} +1",
@@ -133,50 +120,28 @@ TEST_F(DatastoreTest, ChangedLeavesComeUnderTheirModifiedEntryWithOldAndNewValue
   EXPECT_THAT(Commit(Delete("/router/pbr{7}/rule/description")),
               ElementsAre("MODIFIED /router/pbr{7} +1",
                           "DELETED /router/pbr{7}/rule/description = seven -> -"));
-  EXPECT_THAT(Commit(Delete("/router/pbr{7}/rule/match/interface{eth1}")),
-              ElementsAre("MODIFIED /router/pbr{7} +1",
-                          "DELETED /router/pbr{7}/rule/match/interface{eth1}"));
   // Setting what is already there changes nothing.
   EXPECT_THAT(Commit(Set({{"/router/pbr{7}/rule/priority", "20"}})), IsEmpty());
-}
 
-TEST_F(DatastoreTest, ChoiceCaseSwitchReportsTheOldCaseRemovedFirst) {
-  Commit(Merge(kRule7));
-  const std::string base = "/router/pbr{7}/rule/match/destination/ipv4-address";
-  EXPECT_THAT(
-      Commit(Set({{base + "/mask/ip", "198.51.100.7/24"}})),
-      ElementsAre("MODIFIED /router/pbr{7} +2", "DELETED " + base + "/no-mask/ip = 192.0.2.1 -> -",
-                  "VALUE_SET " + base + "/mask/ip = - -> 198.51.100.7/24"));
-  EXPECT_THAT(Commit(Set({{base + "/no-mask/ip", "192.0.2.9"}})),
-              ElementsAre("MODIFIED /router/pbr{7} +2",
-                          "DELETED " + base + "/mask/ip = 198.51.100.7/24 -> -",
-                          "VALUE_SET " + base + "/no-mask/ip = - -> 192.0.2.9"));
-}
-
-TEST_F(DatastoreTest, EntriesComeInAscendingKeyOrderAndDeletionsAlone) {
-  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":300,"rule":{"priority":1}},
-                                         {"id":5,"rule":{"priority":1}}]}})"));
+  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":300,"rule":{"priority":1}}]}})"));
   const std::vector<std::string> changes =
       Commit(Merge(R"({"pbr:router":{"pbr":[{"id":40,"rule":{"priority":2}},
                                             {"id":300,"rule":{"priority":2}},
-                                            {"id":5,"rule":{"priority":2}}]}})"));
+                                            {"id":7,"rule":{"priority":2}}]}})"));
   ASSERT_EQ(changes.size(), 7u);
-  EXPECT_EQ(changes[0], "MODIFIED /router/pbr{5} +1");
+  EXPECT_EQ(changes[0], "MODIFIED /router/pbr{7} +1");
   EXPECT_EQ(changes[2], "CREATED /router/pbr{40} +2");
   EXPECT_EQ(changes[5], "MODIFIED /router/pbr{300} +1");
-  EXPECT_THAT(Commit(Delete("/router/pbr{40}")), ElementsAre("DELETED /router/pbr{40}"));
-}
 
-TEST_F(DatastoreTest, ReplaceDiffsTheWholeConfiguration) {
-  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":1,"rule":{"priority":1}},
-                                         {"id":2,"rule":{"priority":1}}]}})"));
+  // A replacing load diffs the whole configuration.
   Load load;
   load.set_mode(Load::REPLACE);
-  load.set_data(R"({"pbr:router":{"pbr":[{"id":2,"rule":{"priority":1}},
+  load.set_data(R"({"pbr:router":{"pbr":[{"id":40,"rule":{"priority":2}},
                                           {"id":3,"rule":{"priority":1}}]}})");
-  EXPECT_THAT(Commit(load), ElementsAre("DELETED /router/pbr{1}", "CREATED /router/pbr{3} +2",
-                                        "VALUE_SET /router/pbr{3}/id = - -> 3",
-                                        "VALUE_SET /router/pbr{3}/rule/priority = - -> 1"));
+  EXPECT_THAT(Commit(load),
+              ElementsAre("CREATED /router/pbr{3} +2", "VALUE_SET /router/pbr{3}/id = - -> 3",
+                          "VALUE_SET /router/pbr{3}/rule/priority = - -> 1",
+                          "DELETED /router/pbr{7}", "DELETED /router/pbr{300}"));
 }
 
 // Documents that break the module are covered end to end; these are the edits that do.
@@ -194,19 +159,6 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedWithThePathAndChangeNothing) {
   *edit.add_operation() = Delete("/router/pbr{7}/rule/priority").operation(0);
   Refuse(edit);
   EXPECT_EQ(store_->RunningJson(), before);
-}
-
-TEST_F(DatastoreTest, SnapshotListsEntriesInKeyOrderWithTheirLeaves) {
-  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":20,"rule":{"priority":2}},
-                                         {"id":3,"rule":{"priority":1}}]}})"));
-  Node root;
-  store_->Snapshot(&root);
-  ASSERT_EQ(root.child_size(), 1);
-  const Node& router = root.child(0);
-  ASSERT_EQ(router.child_size(), 2);
-  EXPECT_EQ(router.child(0).child(0).value().text(), "3");
-  EXPECT_EQ(router.child(1).child(0).value().text(), "20");
-  EXPECT_EQ(router.child(1).child(0).value().type(), static_cast<uint32_t>(C_UINT32));
 }
 
 }  // namespace

@@ -54,12 +54,5 @@ TEST_F(FramingTest, AnOversizedLengthIsRefusedBeforeAnyPayloadIsRead) {
   EXPECT_EQ(in.Next(&payload), FramedStream::Frame::kOversized);
 }
 
-TEST_F(FramingTest, APeerThatClosesIsSeen) {
-  FramedStream in;
-  close(fds_[0]);
-  fds_[0] = socket(AF_UNIX, SOCK_STREAM, 0);
-  EXPECT_EQ(in.ReadFrom(fds_[1]), FramedStream::Io::kClosed);
-}
-
 }  // namespace
 }  // namespace pbr::mgmt

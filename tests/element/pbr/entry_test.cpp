@@ -31,26 +31,31 @@ struct TracedNextHop : ActionL3NextHop {
   ~TracedNextHop() override { destroyed.push_back("action"); }
 };
 
-TEST(Entry, GetOfAnAbsentKindAnswersNotFoundAndLeavesTheArgument) {
+TEST(Entry, OneMatchPerKindThatCanBeReplacedReadAndDeleted) {
   Entry entry;
+  // Reading an absent kind leaves the argument as it was.
   MatchSrcIPv4 source(Addr("1.2.3.4"), Addr("255.0.0.0"));
   EXPECT_EQ(entry.getMatch(source), PBR_ERR_NOT_FOUND);
-  EXPECT_EQ(PBR_ERR_NOT_FOUND, -3);
   EXPECT_EQ(source.getIPv4().s_addr, Addr("1.2.3.4").s_addr);
   ActionL3NextHop nextHop(Addr("9.9.9.9"));
   EXPECT_EQ(entry.getAction(nextHop), PBR_ERR_NOT_FOUND);
   EXPECT_EQ(nextHop.getL3NextHop().s_addr, Addr("9.9.9.9").s_addr);
-}
 
-TEST(Entry, SettingAKindTwiceKeepsOneMatchWithTheSecondValue) {
-  Entry entry;
+  entry.setMatch(MatchSrcIPv4(Addr("1.1.1.1"), Addr("255.255.255.255")));
   entry.setMatch(MatchDstIPv4(Addr("10.0.0.0"), Addr("255.0.0.0")));
   entry.setMatch(MatchDstIPv4(Addr("10.1.0.0"), Addr("255.255.0.0")));
-  EXPECT_EQ(entry.matches().size(), 1u);
+  entry.setAction(ActionL3NextHop(Addr("3.3.3.3")));
+  EXPECT_EQ(entry.matches().size(), 2u);
   MatchDstIPv4 out(in_addr{}, in_addr{});
   EXPECT_EQ(entry.getMatch(out), PBR_OK);
   EXPECT_EQ(out.getIPv4().s_addr, Addr("10.1.0.0").s_addr);
   EXPECT_EQ(out.getIPv4Mask().s_addr, Addr("255.255.0.0").s_addr);
+
+  EXPECT_EQ(entry.deleteMatch(MATCH_SRC_IPV4), PBR_OK);
+  EXPECT_EQ(entry.deleteMatch(MATCH_SRC_IPV4), PBR_ERR_NOT_FOUND);
+  EXPECT_EQ(entry.deleteAction(ACTION_L3_NEXT_HOP), PBR_OK);
+  EXPECT_EQ(entry.matches().size(), 1u);
+  EXPECT_TRUE(entry.actions().empty());
 }
 
 TEST(Entry, CopiesAreDeepAndOutliveTheirSource) {
@@ -76,18 +81,6 @@ TEST(Entry, CopiesAreDeepAndOutliveTheirSource) {
   Entry assigned;
   assigned = copy;
   EXPECT_EQ(assigned, copy);
-}
-
-TEST(Entry, DeleteRemovesOnlyThatKind) {
-  Entry entry;
-  entry.setMatch(MatchSrcIPv4(Addr("1.1.1.1"), Addr("255.255.255.255")));
-  entry.setMatch(MatchDstIPv4(Addr("2.2.2.2"), Addr("255.255.255.255")));
-  entry.setAction(ActionL3NextHop(Addr("3.3.3.3")));
-  EXPECT_EQ(entry.deleteMatch(MATCH_SRC_IPV4), PBR_OK);
-  EXPECT_EQ(entry.deleteMatch(MATCH_SRC_IPV4), PBR_ERR_NOT_FOUND);
-  EXPECT_EQ(entry.deleteAction(ACTION_L3_NEXT_HOP), PBR_OK);
-  EXPECT_EQ(entry.matches().size(), 1u);
-  EXPECT_TRUE(entry.actions().empty());
 }
 
 TEST(Entry, DestroysActionsBeforeMatchesThroughTheirVirtualDestructors) {

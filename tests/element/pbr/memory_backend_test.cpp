@@ -15,18 +15,18 @@
 #include "element/middleware/loop.h"
 #include "platform/pbr_client.h"
 #include "tests/element/middleware/element_env.h"
-#include "tests/element/pbr/rule_builder.h"
+#include "tests/support/entry_builder.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using pbrtest::Rule;
+using pbrtest::EntryBuilder;
 using Report = std::pair<uint16_t, uint32_t>;
 
-limid_t Limid(const char* name) {
+uint32_t Limid(const char* name) {
   limid_t id{};
   limid_from_intfname(&id, name);
-  return id;
+  return id.value;
 }
 
 class MemoryBackendTest : public ::testing::Test, public pbr::PbrStatusItf {
@@ -79,14 +79,17 @@ TEST_F(MemoryBackendTest, StartsWithAnEmptyViewReplacingAnOldOne) {
 }
 
 TEST_F(MemoryBackendTest, ShowsTheRulesAndReportsEachChangeInOrderOnTheLoop) {
-  client_->SetEntry(3, Rule(300).Src("10.1.0.0", "255.255.0.0").NextHop("192.0.2.1"));
-  client_->SetEntry(1, Rule(100));
-  client_->SetEntry(3, Rule(30)
-                           .Src("10.1.0.0", "255.255.0.0")
-                           .Dst("198.51.100.7", "255.255.255.255")
-                           .Ingress({Limid("lo"), Limid("pbrtest-absent0")})
-                           .NextHop("192.0.2.9"));
-  client_->SetEntry(8, Rule(80).Dst("203.0.113.0", "255.255.255.0"));
+  client_->SetEntry(3, EntryBuilder(3).Priority(300).From("10.1.0.0/16").Via("192.0.2.1").Build());
+  client_->SetEntry(1, EntryBuilder(1).Priority(100).Build());
+  client_->SetEntry(3, EntryBuilder(3)
+                           .Priority(30)
+                           .From("10.1.0.0/16")
+                           .To("198.51.100.7")
+                           .Iif(Limid("lo"))
+                           .Iif(Limid("pbrtest-absent0"))
+                           .Via("192.0.2.9")
+                           .Build());
+  client_->SetEntry(8, EntryBuilder(8).Priority(80).To("203.0.113.0/24").Build());
   client_->DeleteEntry(1);
   client_->DeleteEntry(9);  // never set
   // Nothing is reported from inside the calls.
@@ -99,7 +102,7 @@ TEST_F(MemoryBackendTest, ShowsTheRulesAndReportsEachChangeInOrderOnTheLoop) {
 
 TEST_F(MemoryBackendTest, RuleWithAnUnknownInterfaceIdFails) {
   // An identifier limid_from_intfname never handed out.
-  client_->SetEntry(5, Rule(5).Ingress({limid_t{0xffffffffu}}));
+  client_->SetEntry(5, EntryBuilder(5).Priority(5).Iif(0xffffffffu).Build());
   AwaitReports(1);
   EXPECT_EQ(reports_, (std::vector<Report>{{5, 2}}));
   EXPECT_EQ(State()["rules"][0]["status"], 2);
@@ -108,7 +111,7 @@ TEST_F(MemoryBackendTest, RuleWithAnUnknownInterfaceIdFails) {
 }
 
 TEST_F(MemoryBackendTest, ReportsGoToTheListenerOfTheMomentOrNowhere) {
-  client_->SetEntry(1, Rule(1));
+  client_->SetEntry(1, EntryBuilder(1).Priority(1).Build());
   client_->RegisterStatusListener(nullptr);
   bool running = true;
   EXPECT_EQ(vqmw_loop_while_timeout(mw_, &running, 5), 0);
@@ -125,7 +128,7 @@ TEST_F(MemoryBackendTest, UnwritableStateIsReportedAndRulesStillWork) {
   env_.Set("PBR_ELEMENT_STATE_DIR", "/proc/pbr-element-cannot-exist");
   client_.reset(pbr::PbrClient::Build(mw_, nullptr));
   client_->RegisterStatusListener(this);
-  client_->SetEntry(4, Rule(4));
+  client_->SetEntry(4, EntryBuilder(4).Priority(4).Build());
   AwaitReports(1);
   EXPECT_EQ(reports_, (std::vector<Report>{{4, 1}}));
   EXPECT_NE(env_.Log().find("pbr-manager: cannot show the rules"), std::string::npos);
@@ -141,8 +144,8 @@ TEST_F(MemoryBackendTest, BurstOfAllRuleIdsIsShownWithOneRewrite) {
   auto start = std::chrono::steady_clock::now();
   vqmw::Defer(mw_, [&] {
     for (size_t id = kRules; id-- > 0;) {
-      client_->SetEntry(static_cast<uint16_t>(id),
-                        Rule(static_cast<uint32_t>(id)).Src("10.0.0.0", "255.0.0.0"));
+      const auto rule = static_cast<uint16_t>(id);
+      client_->SetEntry(rule, EntryBuilder(rule).Priority(rule).From("10.0.0.0/8").Build());
     }
   });
   AwaitReports(kRules);

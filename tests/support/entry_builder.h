@@ -1,5 +1,5 @@
-// Builds pbr::Entry values for tests: EntryBuilder(7).Priority(10).From("10.1.0.0/16")
-// .Iif(1).Via("10.0.2.2").Build().
+// Builds pbr::Entry values for the element's tests: EntryBuilder(7).Priority(10)
+// .From("10.1.0.0/16").Iif(1).Via("10.0.2.2").Build(). Header only: no fakes come with it.
 #pragma once
 
 #include <arpa/inet.h>
