@@ -33,6 +33,7 @@
 #include <string>
 
 #include "element/framework/cdb.h"
+#include "element/framework/commit_wire.h"
 #include "element/framework/data_reply.h"
 #include "element/framework/values.h"
 #include "element/mgmt/framing.h"
@@ -128,7 +129,9 @@ struct AppInterface::Impl {
   void Handle(pbr::mgmt::ServerMessage& message);
   void TrimAfterBulk();
   void HandleAttachReply(const detail::CdbSnapshot& snapshot, uint64_t seq);
-  void HandleCommit(const pbr::mgmt::Commit& commit);
+  // A subscription's index and its serialized SubscriptionChanges.
+  using SubscriptionBytes = std::pair<uint32_t, std::string_view>;
+  void HandleCommit(uint64_t seq, const std::vector<SubscriptionBytes>& commit);
   void HandleGetObjects(const pbr::mgmt::GetObjects& request);
   void Ack(uint64_t seq);
   // Runs a handler callback; false when it threw (logged and reported).
@@ -251,7 +254,8 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
       const pbr::mgmt::FramedStream::Frame frame = stream.Next(&payload);
       if (frame == pbr::mgmt::FramedStream::Frame::kIncomplete) break;
       if (payload.size() >= kTrimAfter) trimPending = true;
-      // The snapshot is read in place, without becoming hundreds of thousands of messages.
+      // Snapshots and commits are read in place, without becoming hundreds of thousands of
+      // messages.
       uint64_t seq = 0;
       std::string_view root;
       if (frame == pbr::mgmt::FramedStream::Frame::kComplete &&
@@ -265,8 +269,15 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
         if (generation != gen) return;
         continue;
       }
-      // Bulk commits are hundreds of thousands of small messages: an arena makes and frees
-      // them at once.
+      std::vector<SubscriptionBytes> commit;
+      if (frame == pbr::mgmt::FramedStream::Frame::kComplete &&
+          detail::PeekCommit(payload, &seq, &commit)) {
+        HandleCommit(seq, commit);
+        if (generation != gen) return;
+        continue;
+      }
+      // Other messages are small, but a malformed one may claim otherwise: an arena makes and
+      // frees them at once.
       google::protobuf::Arena arena(ArenaOptions());
       auto* message = google::protobuf::Arena::CreateMessage<pbr::mgmt::ServerMessage>(&arena);
       if (frame == pbr::mgmt::FramedStream::Frame::kOversized ||
@@ -303,9 +314,20 @@ void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
       HandleAttachReply(snapshot, message.attach_reply().seq());
       return;
     }
-    case pbr::mgmt::ServerMessage::kCommit:
-      HandleCommit(message.commit());
+    case pbr::mgmt::ServerMessage::kCommit: {
+      // Commits are read in place (OnIo); this is one that only the full parser accepted.
+      std::vector<std::string> wire;
+      std::vector<SubscriptionBytes> commit;
+      for (const pbr::mgmt::SubscriptionChanges& changes : message.commit().subscription()) {
+        wire.push_back(changes.SerializeAsString());
+      }
+      for (size_t i = 0; i < wire.size(); ++i) {
+        commit.emplace_back(message.commit().subscription(static_cast<int>(i)).subscription(),
+                            wire[i]);
+      }
+      HandleCommit(message.commit().seq(), commit);
       return;
+    }
     case pbr::mgmt::ServerMessage::kGetObjects:
       HandleGetObjects(message.get_objects());
       return;
@@ -353,22 +375,18 @@ void AppInterface::Impl::HandleAttachReply(const detail::CdbSnapshot& snapshot, 
   Ack(seq);
 }
 
-void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {
+void AppInterface::Impl::HandleCommit(uint64_t seq, const std::vector<SubscriptionBytes>& commit) {
   // The touched handlers in the order of their lowest touched subscription priority, each with
   // its touched subscriptions.
-  std::vector<std::pair<ConfigHandler*, std::vector<const pbr::mgmt::SubscriptionChanges*>>>
-      touched;
+  std::vector<std::pair<ConfigHandler*, std::vector<const SubscriptionBytes*>>> touched;
   std::map<ConfigHandler*, int32_t> lowest;
-  std::vector<const pbr::mgmt::SubscriptionChanges*> bySubscription;
-  for (const pbr::mgmt::SubscriptionChanges& changes : commit.subscription()) {
-    bySubscription.push_back(&changes);
-  }
-  std::sort(bySubscription.begin(), bySubscription.end(),
-            [](auto* a, auto* b) { return a->subscription() < b->subscription(); });
-  for (const pbr::mgmt::SubscriptionChanges* each : bySubscription) {
-    const pbr::mgmt::SubscriptionChanges& changes = *each;
-    if (changes.subscription() >= points.size()) continue;
-    const Point& p = points[changes.subscription()];
+  std::vector<const SubscriptionBytes*> bySubscription;
+  for (const SubscriptionBytes& changes : commit) bySubscription.push_back(&changes);
+  std::stable_sort(bySubscription.begin(), bySubscription.end(),
+                   [](auto* a, auto* b) { return a->first < b->first; });
+  for (const SubscriptionBytes* changes : bySubscription) {
+    if (changes->first >= points.size()) continue;
+    const Point& p = points[changes->first];
     auto it = std::find_if(touched.begin(), touched.end(),
                            [&](const auto& t) { return t.first == p.handler; });
     if (it == touched.end()) {
@@ -376,7 +394,7 @@ void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {
       it = touched.end() - 1;
       lowest[p.handler] = p.point->priority;
     }
-    it->second.push_back(&changes);
+    it->second.push_back(changes);
     lowest[p.handler] = std::min(lowest[p.handler], p.point->priority);
   }
   std::stable_sort(touched.begin(), touched.end(),
@@ -385,37 +403,58 @@ void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {
   const uint64_t gen = generation;
   for (auto& [handler, subscriptions] : touched) {
     bool ok = Guard("StartCommit", [&] { handler->StartCommit(); });
-    for (const pbr::mgmt::SubscriptionChanges* changes : subscriptions) {
-      const IterateCallback& callback = points[changes->subscription()].point->callback;
-      const int n = changes->change_size();
-      // Full keypaths of the changes that enclose others, by index.
-      std::vector<std::vector<const pbr::mgmt::KeypathElement*>> enclosing(n);
+    for (const SubscriptionBytes* changes : subscriptions) {
+      const IterateCallback& callback = points[changes->first].point->callback;
+      // The changes that enclose the current one, innermost last, with their full keypaths.
+      struct Enclosing {
+        uint64_t index;
+        uint64_t last;  // index of its last descendant
+        std::vector<pbr::mgmt::KeypathElement> path;
+      };
+      std::vector<Enclosing> open;
       std::vector<const pbr::mgmt::KeypathElement*> path;
-      for (int i = 0; ok && i < n; ++i) {
-        const pbr::mgmt::Change& change = changes->change(i);
+      detail::ChangeCursor cursor(changes->second);
+      for (uint64_t i = 0; ok; ++i) {
+        const pbr::mgmt::Change* change = cursor.Next();
+        if (change == nullptr) break;
+        while (!open.empty() && open.back().last < i) open.pop_back();
         path.clear();
-        if (change.enclosing() > 0 && change.enclosing() <= static_cast<uint32_t>(i)) {
-          path = enclosing[i - change.enclosing()];
+        if (change->enclosing() > 0 && change->enclosing() <= i) {
+          for (const Enclosing& e : open) {
+            if (e.index != i - change->enclosing()) continue;
+            for (const pbr::mgmt::KeypathElement& k : e.path) path.push_back(&k);
+            break;
+          }
         }
-        for (const pbr::mgmt::KeypathElement& e : change.keypath()) path.push_back(&e);
-        if (change.descendants() > 0) enclosing[i] = path;
+        for (const pbr::mgmt::KeypathElement& e : change->keypath()) path.push_back(&e);
+        if (change->descendants() > 0) {
+          Enclosing& e = open.emplace_back(Enclosing{i, i + change->descendants(), {}});
+          for (const pbr::mgmt::KeypathElement* k : path) e.path.push_back(*k);
+        }
         confd_hkeypath_t kp;
         confd_value_t oldValue, newValue;
         if (!detail::BuildKeypath(path, &kp) ||
-            (change.has_old_value() && !detail::FromWire(change.old_value(), &oldValue)) ||
-            (change.has_new_value() && !detail::FromWire(change.new_value(), &newValue))) {
-          FW_LOG(this, "change %d of commit %llu does not fit ConfD's types; skipped", i,
-                 static_cast<unsigned long long>(commit.seq()));
+            (change->has_old_value() && !detail::FromWire(change->old_value(), &oldValue)) ||
+            (change->has_new_value() && !detail::FromWire(change->new_value(), &newValue))) {
+          FW_LOG(this, "change %llu of commit %llu does not fit ConfD's types; skipped",
+                 static_cast<unsigned long long>(i), static_cast<unsigned long long>(seq));
           continue;
         }
         confd_iter_ret ret = ITER_RECURSE;
         ok = Guard("the subscription callback", [&] {
-          ret = callback(&kp, static_cast<confd_iter_op>(change.op()),
-                         change.has_old_value() ? &oldValue : nullptr,
-                         change.has_new_value() ? &newValue : nullptr);
+          ret = callback(&kp, static_cast<confd_iter_op>(change->op()),
+                         change->has_old_value() ? &oldValue : nullptr,
+                         change->has_new_value() ? &newValue : nullptr);
         });
         if (ret == ITER_STOP) break;
-        if (ret == ITER_CONTINUE) i += static_cast<int>(change.descendants());
+        if (ret == ITER_CONTINUE) {
+          cursor.Skip(change->descendants());
+          i += change->descendants();
+        }
+      }
+      if (!cursor.ok()) {
+        FW_LOG(this, "commit %llu: malformed changes", static_cast<unsigned long long>(seq));
+        ok = false;
       }
     }
     ok = ok && Guard("ApplyCommitConfig", [&] { handler->ApplyCommitConfig(); });
@@ -425,7 +464,7 @@ void AppInterface::Impl::HandleCommit(const pbr::mgmt::Commit& commit) {
       return;
     }
   }
-  Ack(commit.seq());
+  Ack(seq);
 }
 
 void AppInterface::Impl::HandleGetObjects(const pbr::mgmt::GetObjects& request) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "element/framework/wire_reader.h"
 #include "element/mgmt/keypath_text.h"
 
 namespace vqconfd::detail {
@@ -11,53 +12,6 @@ namespace {
 constexpr uint32_t kIndexFrom = 16;
 // Deeper than any configuration: a bound on the recursion over a malformed message.
 constexpr int kMaxDepth = 64;
-
-// A reader of protobuf's wire format over one message's bytes.
-class WireReader {
- public:
-  explicit WireReader(std::string_view bytes) : rest_(bytes) {}
-  bool done() const { return rest_.empty(); }
-  bool Varint(uint64_t* out) {
-    *out = 0;
-    for (int shift = 0; shift < 64 && !rest_.empty(); shift += 7) {
-      const auto byte = static_cast<unsigned char>(rest_.front());
-      rest_.remove_prefix(1);
-      *out |= uint64_t{byte & 0x7fu} << shift;
-      if (!(byte & 0x80)) return true;
-    }
-    return false;
-  }
-  bool Bytes(std::string_view* out) {
-    uint64_t size = 0;
-    if (!Varint(&size) || size > rest_.size()) return false;
-    *out = rest_.substr(0, size);
-    rest_.remove_prefix(size);
-    return true;
-  }
-  // Skips a field of the given wire type; false on a malformed or group field.
-  bool Skip(uint32_t wireType) {
-    uint64_t ignored = 0;
-    std::string_view bytes;
-    switch (wireType) {
-      case 0:
-        return Varint(&ignored);
-      case 1:
-      case 5: {
-        const size_t size = wireType == 1 ? 8 : 4;
-        if (rest_.size() < size) return false;
-        rest_.remove_prefix(size);
-        return true;
-      }
-      case 2:
-        return Bytes(&bytes);
-      default:
-        return false;
-    }
-  }
-
- private:
-  std::string_view rest_;
-};
 
 std::string KeyText(std::string_view name, const std::vector<std::string>& keys) {
   std::string text(name);

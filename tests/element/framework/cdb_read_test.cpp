@@ -7,6 +7,7 @@
 #include <string>
 
 #include "element/framework/cdb.h"
+#include "element/framework/commit_wire.h"
 #include "platform/confd_lib.h"
 
 namespace vqconfd::detail {
@@ -133,6 +134,39 @@ TEST(CdbSnapshotWire, ReadsTheAttachReplyInPlaceAndRefusesDamagedBytes) {
   pbr::mgmt::ServerMessage commit;
   commit.mutable_commit()->set_seq(1);
   EXPECT_FALSE(PeekAttachReply(commit.SerializeAsString(), &seq, &root));
+}
+
+// A commit as it arrives: its subscriptions found in place, its changes walked one at a time,
+// skipped without parsing, and a damaged change list noticed.
+TEST(CommitWire, WalksChangesInPlaceAndNoticesDamage) {
+  pbr::mgmt::ServerMessage message;
+  message.mutable_commit()->set_seq(7);
+  pbr::mgmt::SubscriptionChanges* changes = message.mutable_commit()->add_subscription();
+  changes->set_subscription(1);
+  for (uint32_t op = 1; op <= 4; ++op) changes->add_change()->set_op(op);
+  const std::string wire = message.SerializeAsString();
+
+  uint64_t seq = 0;
+  std::vector<std::pair<uint32_t, std::string_view>> subscriptions;
+  ASSERT_TRUE(PeekCommit(wire, &seq, &subscriptions));
+  EXPECT_EQ(seq, 7u);
+  ASSERT_EQ(subscriptions.size(), 1u);
+  EXPECT_EQ(subscriptions[0].first, 1u);
+
+  ChangeCursor cursor(subscriptions[0].second);
+  EXPECT_EQ(cursor.Next()->op(), 1u);
+  cursor.Skip(2);
+  EXPECT_EQ(cursor.Next()->op(), 4u);
+  EXPECT_EQ(cursor.Next(), nullptr);
+  EXPECT_TRUE(cursor.ok());
+
+  const std::string_view cut =
+      subscriptions[0].second.substr(0, subscriptions[0].second.size() - 1);
+  ChangeCursor damaged(cut);
+  while (damaged.Next() != nullptr) {
+  }
+  EXPECT_FALSE(damaged.ok());
+  EXPECT_FALSE(PeekCommit(std::string_view(wire).substr(0, wire.size() - 1), &seq, &subscriptions));
 }
 
 }  // namespace
