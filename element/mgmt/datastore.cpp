@@ -231,7 +231,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
   return candidate;
 }
 
-std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* error) {
+std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
   ly_err_clean(ctx_, nullptr);
   const LYD_FORMAT format = load.format() == Load::XML ? LYD_XML : LYD_JSON;
   lyd_node* doc = nullptr;
@@ -242,7 +242,10 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* err
       lyd_free_siblings(doc);
       return nullptr;
     }
-    return PrepareWhole(doc, error);
+    // Parsing validated the document; the whole tree is not walked a second time.
+    auto candidate = PrepareWhole(doc, error, true);
+    if (candidate && format == LYD_JSON) candidate->json = std::move(*load.mutable_data());
+    return candidate;
   }
 
   // Merge: the document need not be complete on its own, so it is validated after merging.
@@ -337,11 +340,13 @@ void Datastore::DropUnchanged(Candidate* candidate) const {
   }
 }
 
-std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* error) {
+std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* error,
+                                                   bool validated) {
   auto candidate = std::make_unique<Candidate>();
   candidate->whole = true;
   candidate->tree = tree;
-  if (lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE,
+  if (!validated &&
+      lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE,
                        nullptr) != LY_SUCCESS) {
     *error = ValidationError(candidate->tree);
     return nullptr;
@@ -405,12 +410,17 @@ void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
   if (running_) running_ = lyd_first_sibling(running_);
 }
 
-JournalRecord Datastore::Record(const Candidate& candidate) const {
+JournalRecord Datastore::Record(Candidate* candidate) const {
   JournalRecord record;
-  record.set_whole(candidate.whole);
-  record.set_json(PrintJson(candidate.tree, true));
-  if (candidate.whole) return record;
-  for (const auto& [list, entries] : candidate.entries) {
+  record.set_whole(candidate->whole);
+  if (candidate->whole && !candidate->json.empty()) {
+    record.set_json(std::move(candidate->json));
+    candidate->json.clear();
+    return record;
+  }
+  record.set_json(PrintJson(candidate->tree, true));
+  if (candidate->whole) return record;
+  for (const auto& [list, entries] : candidate->entries) {
     auto running = index_.find(list);
     if (running == index_.end()) continue;
     for (const auto& [key, entry] : entries) {

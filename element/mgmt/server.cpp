@@ -374,8 +374,9 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
       return;
     case ClientMessage::kEdit:
     case ClientMessage::kLoad: {
-      auto candidate = message.has_edit() ? store->Prepare(message.edit(), &error)
-                                          : store->Prepare(message.load(), &error);
+      auto candidate = message.has_edit()
+                           ? store->Prepare(message.edit(), &error)
+                           : store->Prepare(std::move(*message.mutable_load()), &error);
       if (!candidate) {
         Respond(session, request, &error);
         return;
@@ -525,10 +526,10 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
   }
   arena.reset();
 
-  const JournalRecord record = store->Record(*candidate);
+  JournalRecord record = store->Record(candidate.get());
   store->Apply(std::move(candidate));
   std::string why;
-  const bool saved = persisted->Append(record, &why);
+  const bool saved = persisted->Append(std::move(record), &why);
   if (saved && persisted->CompactionDue() && !compaction) {
     // Rewriting the whole configuration waits until the commit has been answered.
     sd_event_add_defer(event, &compaction, OnCompact, this);

@@ -46,7 +46,7 @@ class RunningStoreTest : public ::testing::Test {
       CommitError bad;
       auto candidate = store.Prepare(edit, &bad);
       ASSERT_TRUE(candidate) << bad.message;
-      const JournalRecord record = store.Record(*candidate);
+      const JournalRecord record = store.Record(candidate.get());
       store.Apply(std::move(candidate));
       ASSERT_TRUE(files.Append(record, &error)) << error;
       if (files.CompactionDue()) {
