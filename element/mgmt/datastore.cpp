@@ -367,9 +367,7 @@ void Datastore::Diff(const Candidate& candidate, Changes* out) const {
     while ((list = lys_getnext(list, top, nullptr, 0))) {
       auto touched = candidate.entries.find(list);
       if (touched == candidate.entries.end()) continue;
-      KeypathElement parent;
-      SetTagElement(top, &parent);
-      writer.Push(parent);
+      writer.Push(top);
       auto running = index_.find(list);
       for (const auto& [key, entry] : touched->second) {
         const lyd_node* old = nullptr;

@@ -29,11 +29,20 @@ class DiffWriter {
   // at the entry's parent.
   void Entry(const lyd_node* oldEntry, const lyd_node* newEntry);
 
-  // Keypath of the parent of the nodes to compare, root-most first.
-  void Push(const KeypathElement& element) { path_.push_back(element); }
+  // Keypath of the parent of the nodes to compare, root-most first: a schema node's tag.
+  void Push(const lysc_node* schema) { path_.push_back({schema, nullptr}); }
   void Pop() { path_.pop_back(); }
 
  private:
+  // One keypath element, made into a KeypathElement only when a change is reported: a schema
+  // node's tag, or (entry set) the keys of a list entry or the value of a leaf-list entry.
+  struct Step {
+    const lysc_node* schema;
+    const lyd_node* entry;
+  };
+
+  // The changes of the children of a node that is new: no old side to compare with.
+  void Created(const lyd_node* first);
   void Node(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
   void Choice(const lysc_node* choice, const lyd_node* oldFirst, const lyd_node* newFirst);
   void List(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
@@ -43,7 +52,7 @@ class DiffWriter {
   void CloseSubtree(int index);
 
   Changes* out_;
-  std::vector<KeypathElement> path_;
+  std::vector<Step> path_;
   // The reported changes whose subtrees are open: their index and the keypath length at them.
   std::vector<std::pair<int, size_t>> open_;
 };
