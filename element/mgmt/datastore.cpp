@@ -354,7 +354,7 @@ std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* 
   return candidate;
 }
 
-void Datastore::Diff(const Candidate& candidate, Changes* out) const {
+void Datastore::Diff(const Candidate& candidate, ChangeList* out) const {
   DiffWriter writer(out);
   if (candidate.whole) {
     writer.Children(nullptr, module_->compiled, running_, candidate.tree);

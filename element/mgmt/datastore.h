@@ -59,7 +59,7 @@ class Datastore {
   std::unique_ptr<Candidate> Prepare(Load load, CommitError* error);
 
   // The candidate's changes against the running configuration, in ConfD's diff order.
-  void Diff(const Candidate& candidate, Changes* out) const;
+  void Diff(const Candidate& candidate, ChangeList* out) const;
 
   // Makes the candidate the running configuration.
   void Apply(std::unique_ptr<Candidate> candidate);

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "element/mgmt/entry_key.h"
-#include "element/mgmt/schema_info.h"
 
 namespace pbr::mgmt {
 namespace {
@@ -91,7 +90,7 @@ void DiffWriter::Node(const lysc_node* schema, const lyd_node* oldFirst, const l
       Emit(n ? MOP_VALUE_SET : MOP_DELETED, o, n);
     }
   } else if (schema->nodetype == LYS_CONTAINER && (schema->flags & LYS_PRESENCE) && (!o || !n)) {
-    const int index = Emit(n ? MOP_CREATED : MOP_DELETED, nullptr, nullptr);
+    const size_t index = Emit(n ? MOP_CREATED : MOP_DELETED, nullptr, nullptr);
     OpenSubtree(index);
     if (n) Created(lyd_child(n));
     CloseSubtree(index);
@@ -127,10 +126,10 @@ void DiffWriter::Entry(const lyd_node* oldEntry, const lyd_node* newEntry) {
   const lyd_node* any = newEntry ? newEntry : oldEntry;
   path_.push_back({any->schema, nullptr});
   path_.push_back({any->schema, any});
-  const int index = Emit(!oldEntry   ? MOP_CREATED
-                         : !newEntry ? MOP_DELETED
-                                     : MOP_MODIFIED,
-                         nullptr, nullptr);
+  const size_t index = Emit(!oldEntry   ? MOP_CREATED
+                            : !newEntry ? MOP_DELETED
+                                        : MOP_MODIFIED,
+                            nullptr, nullptr);
   OpenSubtree(index);
   // A deleted entry is reported alone; a new or changed one with its changed children.
   if (newEntry && !oldEntry) {
@@ -165,7 +164,7 @@ void DiffWriter::Created(const lyd_node* first) {
       Emit(MOP_CREATED, nullptr, nullptr);
       path_.pop_back();
     } else if (schema->nodetype == LYS_CONTAINER && (schema->flags & LYS_PRESENCE)) {
-      const int index = Emit(MOP_CREATED, nullptr, nullptr);
+      const size_t index = Emit(MOP_CREATED, nullptr, nullptr);
       OpenSubtree(index);
       Created(lyd_child(n));
       CloseSubtree(index);
@@ -198,37 +197,25 @@ void DiffWriter::LeafList(const lysc_node* schema, const lyd_node* oldFirst,
   report(news, oldFirst, MOP_CREATED);
 }
 
-int DiffWriter::Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue) {
-  Change* change = out_->Add();
-  const int index = out_->size() - 1;
+size_t DiffWriter::Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue) {
+  const size_t index = out_->size();
   // Only what lies below the enclosing change travels; the receiver knows the rest.
   size_t from = 0;
+  uint32_t enclosing = 0;
   if (!open_.empty()) {
     from = open_.back().second;
-    change->set_enclosing(static_cast<uint32_t>(index - open_.back().first));
+    enclosing = static_cast<uint32_t>(index - open_.back().first);
   }
-  change->mutable_keypath()->Reserve(static_cast<int>(path_.size() - from));
-  for (size_t i = from; i < path_.size(); ++i) {
-    KeypathElement* element = change->add_keypath();
-    if (path_[i].entry) {
-      SetKeyElement(path_[i].entry, element);
-    } else {
-      SetTagElement(path_[i].schema, element);
-    }
-  }
-  change->set_op(op);
-  if (oldValue) SetValue(oldValue, change->mutable_old_value());
-  if (newValue) SetValue(newValue, change->mutable_new_value());
-  return index;
+  return out_->Add(op, oldValue, newValue, enclosing, path_.data() + from, path_.size() - from);
 }
 
-void DiffWriter::OpenSubtree(int index) {
+void DiffWriter::OpenSubtree(size_t index) {
   open_.emplace_back(index, path_.size());
 }
 
-void DiffWriter::CloseSubtree(int index) {
+void DiffWriter::CloseSubtree(size_t index) {
   open_.pop_back();
-  out_->Mutable(index)->set_descendants(static_cast<uint32_t>(out_->size() - index - 1));
+  out_->SetDescendants(index, static_cast<uint32_t>(out_->size() - index - 1));
 }
 
 }  // namespace pbr::mgmt

@@ -5,6 +5,12 @@
 #include <unistd.h>
 
 namespace pbr::mgmt {
+namespace {
+
+// Buffers larger than this are given back once emptied.
+constexpr size_t kKeptCapacity = 1 << 20;
+
+}  // namespace
 
 FramedStream::Io FramedStream::ReadFrom(int fd) {
   constexpr size_t kChunk = 256 * 1024;
@@ -37,18 +43,21 @@ FramedStream::Frame FramedStream::Next(std::string* payload) {
   payload->assign(in_, inOffset_ + 4, len);
   inOffset_ += 4 + len;
   if (inOffset_ == in_.size()) {
-    in_.clear();
+    if (in_.capacity() > kKeptCapacity) {
+      std::string().swap(in_);
+    } else {
+      in_.clear();
+    }
     inOffset_ = 0;
   }
   return Frame::kComplete;
 }
 
-void FramedStream::Queue(const google::protobuf::MessageLite& message) {
+unsigned char* FramedStream::AddFrame(size_t len) {
   if (outOffset_ == out_.size()) {
     out_.clear();
     outOffset_ = 0;
   }
-  const size_t len = message.ByteSizeLong();
   const size_t at = out_.size();
   out_.resize(at + 4 + len);
   auto* p = reinterpret_cast<unsigned char*>(out_.data() + at);
@@ -56,7 +65,26 @@ void FramedStream::Queue(const google::protobuf::MessageLite& message) {
   p[1] = static_cast<unsigned char>(len >> 16);
   p[2] = static_cast<unsigned char>(len >> 8);
   p[3] = static_cast<unsigned char>(len);
-  message.SerializeWithCachedSizesToArray(p + 4);
+  return p + 4;
+}
+
+void FramedStream::Queue(const google::protobuf::MessageLite& message) {
+  message.SerializeWithCachedSizesToArray(AddFrame(message.ByteSizeLong()));
+}
+
+void FramedStream::QueueFrame(std::string frame) {
+  const size_t len = frame.size() - kHeaderSize;
+  auto* p = reinterpret_cast<unsigned char*>(frame.data());
+  p[0] = static_cast<unsigned char>(len >> 24);
+  p[1] = static_cast<unsigned char>(len >> 16);
+  p[2] = static_cast<unsigned char>(len >> 8);
+  p[3] = static_cast<unsigned char>(len);
+  if (outOffset_ == out_.size()) {
+    out_ = std::move(frame);
+    outOffset_ = 0;
+  } else {
+    out_ += frame;
+  }
 }
 
 FramedStream::Io FramedStream::WriteTo(int fd) {
@@ -70,7 +98,12 @@ FramedStream::Io FramedStream::WriteTo(int fd) {
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Io::kOk;
     return Io::kError;
   }
-  out_.clear();
+  // A bulk commit's buffer is not kept for the small messages that follow.
+  if (out_.capacity() > kKeptCapacity) {
+    std::string().swap(out_);
+  } else {
+    out_.clear();
+  }
   outOffset_ = 0;
   return Io::kOk;
 }

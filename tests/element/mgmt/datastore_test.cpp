@@ -63,12 +63,17 @@ class DatastoreTest : public ::testing::Test {
     auto candidate = store_->Prepare(request, &error);
     EXPECT_TRUE(candidate) << error.message << " at " << error.path;
     if (!candidate) return {};
-    Changes changes;
-    store_->Diff(*candidate, &changes);
+    // The changes as a subscriber receives them.
+    ChangeList list;
+    store_->Diff(*candidate, &list);
+    std::string wire;
+    list.Encode(0, list.size(), &wire);
     store_->Apply(std::move(candidate));
+    SubscriptionChanges changes;
+    EXPECT_TRUE(changes.ParseFromString(wire));
     // Each change carries its keypath below the change that encloses it.
     std::vector<std::string> paths, lines;
-    for (const Change& c : changes) {
+    for (const Change& c : changes.change()) {
       std::string path = c.enclosing() ? paths[paths.size() - c.enclosing()] : "";
       for (const KeypathElement& e : c.keypath()) {
         path += e.key_size() == 0 ? "/" + std::string(pbr::yang::NameOfTag(e.tag()))
