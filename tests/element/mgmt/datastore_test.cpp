@@ -130,6 +130,18 @@ TEST_F(DatastoreTest, NewRuleIsReportedAsItsEntryThenEveryLeafInSchemaOrder) {
                   "VALUE_SET /router/pbr{7}/rule/action/next-hop/ip = - -> 10.0.0.1"));
 }
 
+TEST_F(DatastoreTest, ANewRuleIsReportedInSchemaOrderWhateverTheDocumentsOrder) {
+  const std::vector<std::string> inOrder = Commit(Merge(kRule7));
+  store_ = std::make_unique<Datastore>(ctx_.get());
+  EXPECT_EQ(Commit(Merge(R"({"pbr:router":{"pbr":[{"rule":{
+    "action":{"next-hop":{"ip":"10.0.0.1"}},
+    "match":{"destination":{"ipv4-address":{"no-mask":{"ip":"192.0.2.1"}}},
+             "interface":["eth1","eth2"],
+             "source":{"ipv4-address":{"mask":{"ip":"10.1.2.3/16"}}}},
+    "description":"seven","priority":10},"id":7}]}})")),
+            inOrder);
+}
+
 TEST_F(DatastoreTest, ChangedLeavesComeUnderTheirModifiedEntryWithOldAndNewValues) {
   Commit(Merge(kRule7));
   EXPECT_THAT(Commit(Set({{"/router/pbr{7}/rule/priority", "20"}})),
@@ -199,6 +211,34 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedWithThePathAndChangeNothing) {
   *edit.add_operation() = Delete("/router/pbr{7}/rule/priority").operation(0);
   Refuse(edit);
   EXPECT_EQ(store_->RunningJson(), before);
+}
+
+TEST_F(DatastoreTest, ACommitMessageCarriesEachSubscriptionsChangesAfterTheRoomAskedFor) {
+  Commit(Merge(kRule7));
+  CommitError error;
+  auto candidate = store_->Prepare(Merge(R"({"pbr:router":{"pbr":[{"id":7,"rule":{"priority":11}},
+                                      {"id":8,"rule":{"priority":12}}]}})"),
+                                   &error);
+  ASSERT_TRUE(candidate) << error.message;
+  ChangeList changes;
+  store_->Diff(*candidate, &changes);
+  ASSERT_EQ(changes.size(), 5u);  // pbr{7} +1, pbr{8} +2
+  const std::string message = changes.CommitMessage(9, {{0, {{0, 2}}}, {3, {{0, 2}, {2, 5}}}}, 4);
+  ServerMessage parsed;
+  ASSERT_TRUE(parsed.ParseFromString(message.substr(4)));
+  ASSERT_TRUE(parsed.has_commit());
+  EXPECT_EQ(parsed.commit().seq(), 9u);
+  ASSERT_EQ(parsed.commit().subscription_size(), 2);
+  EXPECT_EQ(parsed.commit().subscription(0).subscription(), 0u);
+  EXPECT_EQ(parsed.commit().subscription(0).change_size(), 2);
+  EXPECT_EQ(parsed.commit().subscription(1).subscription(), 3u);
+  ASSERT_EQ(parsed.commit().subscription(1).change_size(), 5);
+  const Change& created = parsed.commit().subscription(1).change(2);
+  EXPECT_EQ(created.op(), static_cast<uint32_t>(MOP_CREATED));
+  EXPECT_EQ(created.descendants(), 2u);
+  ASSERT_EQ(created.keypath_size(), 3);
+  EXPECT_EQ(created.keypath(2).key(0).text(), "8");
+  EXPECT_EQ(created.keypath(2).key(0).type(), static_cast<uint32_t>(C_UINT32));
 }
 
 TEST_F(DatastoreTest, SnapshotListsEntriesInKeyOrderWithTheirLeaves) {
