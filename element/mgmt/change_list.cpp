@@ -1,18 +1,20 @@
 #include "element/mgmt/change_list.h"
 
-#include <charconv>
-#include <cstring>
 #include <optional>
-#include <string_view>
 
 #include "element/mgmt/schema_info.h"
+#include "element/mgmt/wire.h"
 
 namespace pbr::mgmt {
 namespace {
 
-// Field keys of mgmt.proto's messages: field number << 3 | wire type (0 varint, 2 length).
-constexpr uint8_t kValueType = 1 << 3;               // Value.type
-constexpr uint8_t kValueText = 2 << 3 | 2;           // Value.text
+using wire::LengthDelimitedSize;
+using wire::PutLength;
+using wire::PutScalar;
+using wire::ScalarSize;
+using wire::ValueView;
+
+// Field keys (see wire.h) of mgmt.proto's messages.
 constexpr uint8_t kElementTag = 1 << 3;              // KeypathElement.tag
 constexpr uint8_t kElementNs = 2 << 3;               // KeypathElement.ns
 constexpr uint8_t kElementKey = 3 << 3 | 2;          // KeypathElement.key
@@ -27,80 +29,6 @@ constexpr uint8_t kSubscriptionChange = 2 << 3 | 2;  // SubscriptionChanges.chan
 constexpr uint8_t kCommitSeq = 1 << 3;               // Commit.seq
 constexpr uint8_t kCommitSubscription = 2 << 3 | 2;  // Commit.subscription
 constexpr uint8_t kMessageCommit = 3 << 3 | 2;       // ServerMessage.commit
-
-size_t VarintSize(uint64_t v) {
-  size_t n = 1;
-  while (v >= 0x80) {
-    v >>= 7;
-    ++n;
-  }
-  return n;
-}
-
-// The writers fill a buffer of the measured size through a cursor.
-char* PutVarint(uint64_t v, char* out) {
-  while (v >= 0x80) {
-    *out++ = static_cast<char>(v | 0x80);
-    v >>= 7;
-  }
-  *out++ = static_cast<char>(v);
-  return out;
-}
-
-// proto3 leaves out zero scalars and empty strings; so does this encoding.
-size_t ScalarSize(uint64_t v) {
-  return v ? 1 + VarintSize(v) : 0;
-}
-
-char* PutScalar(uint8_t key, uint64_t v, char* out) {
-  if (!v) return out;
-  *out++ = static_cast<char>(key);
-  return PutVarint(v, out);
-}
-
-size_t LengthDelimitedSize(size_t length) {
-  return 1 + VarintSize(length) + length;
-}
-
-char* PutLength(uint8_t key, size_t length, char* out) {
-  *out++ = static_cast<char>(key);
-  return PutVarint(length, out);
-}
-
-// A Value as SetValue makes it: the node's ConfD type and its text (enumerations: the number).
-class ValueView {
- public:
-  explicit ValueView(const lyd_node* term) : type_(SchemaInfo::Of(term->schema).type) {
-    if (type_ == C_ENUM_VALUE) {
-      const auto* t = reinterpret_cast<const lyd_node_term*>(term);
-      number_ =
-          std::to_chars(digits_, digits_ + sizeof digits_, t->value.enum_item->value).ptr - digits_;
-    } else {
-      text_ = lyd_get_value(term);
-    }
-  }
-  std::string_view text() const {
-    return type_ == C_ENUM_VALUE ? std::string_view(digits_, number_) : text_;
-  }
-  size_t Size() const {
-    const size_t length = text().size();
-    return ScalarSize(type_) + (length ? LengthDelimitedSize(length) : 0);
-  }
-  char* Put(char* out) const {
-    out = PutScalar(kValueType, type_, out);
-    const std::string_view t = text();
-    if (t.empty()) return out;
-    out = PutLength(kValueText, t.size(), out);
-    std::memcpy(out, t.data(), t.size());
-    return out + t.size();
-  }
-
- private:
-  uint32_t type_;
-  std::string_view text_;
-  char digits_[12];
-  size_t number_ = 0;
-};
 
 }  // namespace
 

@@ -8,6 +8,7 @@
 #include "element/mgmt/data_path.h"
 #include "element/mgmt/json_text.h"
 #include "element/mgmt/schema_info.h"
+#include "element/mgmt/snapshot.h"
 #include "element/yang/module.h"
 
 namespace pbr::mgmt {
@@ -468,51 +469,8 @@ std::vector<const lyd_node*> Datastore::Entries(const lysc_node* list) const {
   return out;
 }
 
-namespace {
-
-void AppendNode(const lyd_node* node, Node* parent,
-                const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index);
-
-void AppendChildren(const lyd_node* first, Node* out,
-                    const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index) {
-  for (const lyd_node* child = first; child;) {
-    if (child->schema->nodetype != LYS_LIST) {
-      AppendNode(child, out, index);
-      child = child->next;
-      continue;
-    }
-    // A run of list entries goes out in key order.
-    const lysc_node* schema = child->schema;
-    auto indexed = index.find(schema);
-    if (indexed != index.end()) {
-      for (const auto& [key, entry] : indexed->second) AppendNode(entry, out, index);
-      while (child && child->schema == schema) child = child->next;
-      continue;
-    }
-    std::map<EntryKey, const lyd_node*> sorted;
-    for (; child && child->schema == schema; child = child->next) {
-      sorted.emplace(EntryKey::Of(child), child);
-    }
-    for (const auto& [key, entry] : sorted) AppendNode(entry, out, index);
-  }
-}
-
-void AppendNode(const lyd_node* node, Node* parent,
-                const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index) {
-  Node* out = parent->add_child();
-  out->set_name(node->schema->name);
-  if (node->schema->nodetype & (LYS_LEAF | LYS_LEAFLIST)) {
-    SetValue(node, out->mutable_value());
-  } else {
-    AppendChildren(lyd_child(node), out, index);
-  }
-}
-
-}  // namespace
-
-void Datastore::Snapshot(Node* root) const {
-  root->set_name("/");
-  AppendChildren(running_, root, index_);
+std::string Datastore::AttachMessage(uint64_t seq, size_t headroom) const {
+  return SnapshotWriter(running_, index_).AttachMessage(seq, headroom);
 }
 
 std::string Datastore::RunningJson() const {

@@ -69,8 +69,9 @@ class Datastore {
   // Applies a journal record to the running configuration, at start-up.
   bool Replay(const JournalRecord& record, CommitError* error);
 
-  // The running configuration as a tree, lists in key order.
-  void Snapshot(Node* root) const;
+  // The running configuration as the ServerMessage (encoded) of an AttachReply with sequence
+  // number `seq`, lists in key order, after `headroom` bytes left for the caller.
+  std::string AttachMessage(uint64_t seq, size_t headroom = 0) const;
   // The running configuration as RFC 7951 JSON.
   std::string RunningJson() const;
 

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <google/protobuf/arena.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -448,13 +447,7 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
   vqmw::Logger().info("{} attached: {} subscriptions, {} callpoints", session.app,
                       session.subscriptions.size(), session.callpoints.size());
 
-  // A snapshot is hundreds of thousands of small messages: an arena makes and frees them at once.
-  google::protobuf::Arena arena;
-  auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(&arena);
-  AttachReply* reply = message->mutable_attach_reply();
-  reply->set_seq(seq);
-  store->Snapshot(reply->mutable_root());
-  Send(session, *message);
+  SendFrame(session, store->AttachMessage(seq, FramedStream::kHeaderSize));
 }
 
 void Server::Impl::HandleCommit(Session& session, uint64_t request,

@@ -242,16 +242,35 @@ TEST_F(DatastoreTest, ACommitMessageCarriesEachSubscriptionsChangesAfterTheRoomA
 }
 
 TEST_F(DatastoreTest, SnapshotListsEntriesInKeyOrderWithTheirLeaves) {
-  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":20,"rule":{"priority":2}},
+  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":20,"rule":{"priority":2,"match":{
+                                           "interface":["eth9","eth1"]}}},
                                          {"id":3,"rule":{"priority":1}}]}})"));
-  Node root;
-  store_->Snapshot(&root);
+  const std::string message = store_->AttachMessage(6, 4);
+  ServerMessage parsed;
+  ASSERT_TRUE(parsed.ParseFromString(message.substr(4)));
+  ASSERT_TRUE(parsed.has_attach_reply());
+  EXPECT_EQ(parsed.attach_reply().seq(), 6u);
+  const Node& root = parsed.attach_reply().root();
+  EXPECT_EQ(root.name(), "/");
   ASSERT_EQ(root.child_size(), 1);
   const Node& router = root.child(0);
+  EXPECT_EQ(router.name(), "router");
   ASSERT_EQ(router.child_size(), 2);
   EXPECT_EQ(router.child(0).child(0).value().text(), "3");
-  EXPECT_EQ(router.child(1).child(0).value().text(), "20");
-  EXPECT_EQ(router.child(1).child(0).value().type(), static_cast<uint32_t>(C_UINT32));
+  const Node& twenty = router.child(1);
+  EXPECT_EQ(twenty.child(0).name(), "id");
+  EXPECT_EQ(twenty.child(0).value().text(), "20");
+  EXPECT_EQ(twenty.child(0).value().type(), static_cast<uint32_t>(C_UINT32));
+  // Leaf-list entries keep their order; containers come as libyang holds them, empty or not.
+  const Node& rule = twenty.child(1);
+  ASSERT_EQ(rule.child_size(), 3);
+  EXPECT_EQ(rule.child(0).name(), "priority");
+  const Node& match = rule.child(1);
+  ASSERT_EQ(match.child_size(), 4);
+  EXPECT_EQ(match.child(0).value().text(), "eth9");
+  EXPECT_EQ(match.child(1).value().text(), "eth1");
+  EXPECT_EQ(match.child(2).name(), "source");
+  EXPECT_EQ(rule.child(2).name(), "action");
 }
 
 }  // namespace
