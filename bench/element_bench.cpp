@@ -1,9 +1,13 @@
 // The element end to end with 1,000 and 65,536 rules, memory backend: pbr-mgmtd, pbr-app and
 // pbr-cli as processes in a private element directory. Per size it reports
 //   bulk_commit_ms   `pbr-cli load replace` of every rule, new, through to the memory backend
+//   bulk_mgmtd_cpu_ms  the server's CPU time in it
+//   bulk_server_ms   the same load with no daemon attached: the server's share alone (and
+//                    bulk_server_cpu_ms its CPU time)
 //   attach_ms        a restarted pbr-app: from sending Attach to its last SetEntry (the framework's
 //                    record), with load_ms the handlers' share (reading the snapshot, SetEntry)
 //   commit_ms        a one-rule commit, from the CLI command to the daemon's acknowledgement
+//   commit_server_ms the same with no daemon attached (median of 5 each)
 //   show_ms          the whole operational view through `pbr-cli show pbr`
 //   mgmtd_peak_mib   the server's peak resident memory; app_rss_mib pbr-app's after the attach
 // The manual time of each run is attach_ms.
@@ -72,6 +76,17 @@ double MemoryMib(pid_t pid, const std::string& field) {
     if (line.rfind(field + ":", 0) == 0) return std::stod(line.substr(field.size() + 1)) / 1024;
   }
   return 0;
+}
+
+// A process's CPU time (user and system) in ms.
+double CpuMs(pid_t pid) {
+  std::istringstream stat(Read("/proc/" + std::to_string(pid) + "/stat"));
+  std::string field;
+  // The command (field 2) has no spaces here; utime and stime are fields 14 and 15.
+  for (int i = 1; i < 14 && stat >> field;) ++i;
+  double utime = 0, stime = 0;
+  stat >> utime >> stime;
+  return (utime + stime) * 1000 / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 // Polls `done` for up to `limit`; false when it never held.
@@ -176,31 +191,51 @@ void ElementEndToEnd(benchmark::State& state) {
   for (auto _ : state) {
     Element element;
     if (!element.StartServer()) return state.SkipWithError("pbr-mgmtd did not start");
+    const std::string file = element.File("rules.json", RulesJson(rules));
+    const std::string empty = element.File("empty.json", "{}");
+    // The server's share: the same load with nobody subscribed, then taken back.
+    double cpu = CpuMs(element.mgmtd());
+    const double bulkServer = element.Cli({"load", "replace", file});
+    const double bulkServerCpu = CpuMs(element.mgmtd()) - cpu;
+    if (bulkServer < 0 || element.Cli({"load", "replace", empty}) < 0) {
+      return state.SkipWithError("the bulk load without a daemon failed");
+    }
     if (element.StartApp().total_ms < 0) return state.SkipWithError("pbr-app did not attach");
-    const double bulk =
-        element.Cli({"load", "replace", element.File("rules.json", RulesJson(rules))});
+    cpu = CpuMs(element.mgmtd());
+    const double bulk = element.Cli({"load", "replace", file});
+    const double bulkCpu = CpuMs(element.mgmtd()) - cpu;
     if (bulk < 0) return state.SkipWithError("the bulk load failed");
 
+    // One-rule commits, the median of 5.
+    int priority = 100;
+    auto commit = [&] {
+      std::vector<double> times;
+      for (int i = 0; i < 5; ++i) {
+        times.push_back(
+            element.Cli({"set", "/router/pbr{" + std::to_string(rules / 2) + "}/rule/priority",
+                         std::to_string(priority++)}));
+      }
+      std::sort(times.begin(), times.end());
+      return times[times.size() / 2];
+    };
     element.StopApp();
+    const double commitServer = commit();
     const Element::Attach figures = element.StartApp();
     const double attach = figures.total_ms;
     if (attach < 0) return state.SkipWithError("pbr-app did not attach again");
-
-    std::vector<double> commits;
-    for (int i = 0; i < 5; ++i) {
-      commits.push_back(
-          element.Cli({"set", "/router/pbr{" + std::to_string(rules / 2) + "}/rule/priority",
-                       std::to_string(100 + i)}));
-    }
-    std::sort(commits.begin(), commits.end());
+    const double commitApp = commit();
     const double show = element.Cli({"show", "pbr"});
 
     state.SetIterationTime(attach / 1000);
     state.counters["bulk_commit_ms"] = bulk;
+    state.counters["bulk_mgmtd_cpu_ms"] = bulkCpu;
+    state.counters["bulk_server_ms"] = bulkServer;
+    state.counters["bulk_server_cpu_ms"] = bulkServerCpu;
     state.counters["attach_ms"] = attach;
     state.counters["attach_us_per_rule"] = attach * 1000 / rules;
     state.counters["load_ms"] = figures.load_ms;
-    state.counters["commit_ms"] = commits[commits.size() / 2];
+    state.counters["commit_ms"] = commitApp;
+    state.counters["commit_server_ms"] = commitServer;
     state.counters["show_ms"] = show;
     state.counters["mgmtd_peak_mib"] = MemoryMib(element.mgmtd(), "VmHWM");
     state.counters["app_rss_mib"] = MemoryMib(element.app(), "VmRSS");

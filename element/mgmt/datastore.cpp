@@ -8,6 +8,7 @@
 #include "element/mgmt/data_path.h"
 #include "element/mgmt/json_text.h"
 #include "element/mgmt/schema_info.h"
+#include "element/mgmt/snapshot.h"
 #include "element/yang/module.h"
 
 namespace pbr::mgmt {
@@ -231,7 +232,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
   return candidate;
 }
 
-std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* error) {
+std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
   ly_err_clean(ctx_, nullptr);
   const LYD_FORMAT format = load.format() == Load::XML ? LYD_XML : LYD_JSON;
   lyd_node* doc = nullptr;
@@ -242,7 +243,10 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Load& load, CommitError* err
       lyd_free_siblings(doc);
       return nullptr;
     }
-    return PrepareWhole(doc, error);
+    // Parsing validated the document; the whole tree is not walked a second time.
+    auto candidate = PrepareWhole(doc, error, true);
+    if (candidate && format == LYD_JSON) candidate->json = std::move(*load.mutable_data());
+    return candidate;
   }
 
   // Merge: the document need not be complete on its own, so it is validated after merging.
@@ -337,11 +341,13 @@ void Datastore::DropUnchanged(Candidate* candidate) const {
   }
 }
 
-std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* error) {
+std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* error,
+                                                   bool validated) {
   auto candidate = std::make_unique<Candidate>();
   candidate->whole = true;
   candidate->tree = tree;
-  if (lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE,
+  if (!validated &&
+      lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE,
                        nullptr) != LY_SUCCESS) {
     *error = ValidationError(candidate->tree);
     return nullptr;
@@ -349,7 +355,7 @@ std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* 
   return candidate;
 }
 
-void Datastore::Diff(const Candidate& candidate, Changes* out) const {
+void Datastore::Diff(const Candidate& candidate, ChangeList* out) const {
   DiffWriter writer(out);
   if (candidate.whole) {
     writer.Children(nullptr, module_->compiled, running_, candidate.tree);
@@ -362,9 +368,7 @@ void Datastore::Diff(const Candidate& candidate, Changes* out) const {
     while ((list = lys_getnext(list, top, nullptr, 0))) {
       auto touched = candidate.entries.find(list);
       if (touched == candidate.entries.end()) continue;
-      KeypathElement parent;
-      SetTagElement(top, &parent);
-      writer.Push(parent);
+      writer.Push(top);
       auto running = index_.find(list);
       for (const auto& [key, entry] : touched->second) {
         const lyd_node* old = nullptr;
@@ -405,12 +409,17 @@ void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
   if (running_) running_ = lyd_first_sibling(running_);
 }
 
-JournalRecord Datastore::Record(const Candidate& candidate) const {
+JournalRecord Datastore::Record(Candidate* candidate) const {
   JournalRecord record;
-  record.set_whole(candidate.whole);
-  record.set_json(PrintJson(candidate.tree, true));
-  if (candidate.whole) return record;
-  for (const auto& [list, entries] : candidate.entries) {
+  record.set_whole(candidate->whole);
+  if (candidate->whole && !candidate->json.empty()) {
+    record.set_json(std::move(candidate->json));
+    candidate->json.clear();
+    return record;
+  }
+  record.set_json(PrintJson(candidate->tree, true));
+  if (candidate->whole) return record;
+  for (const auto& [list, entries] : candidate->entries) {
     auto running = index_.find(list);
     if (running == index_.end()) continue;
     for (const auto& [key, entry] : entries) {
@@ -460,51 +469,8 @@ std::vector<const lyd_node*> Datastore::Entries(const lysc_node* list) const {
   return out;
 }
 
-namespace {
-
-void AppendNode(const lyd_node* node, Node* parent,
-                const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index);
-
-void AppendChildren(const lyd_node* first, Node* out,
-                    const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index) {
-  for (const lyd_node* child = first; child;) {
-    if (child->schema->nodetype != LYS_LIST) {
-      AppendNode(child, out, index);
-      child = child->next;
-      continue;
-    }
-    // A run of list entries goes out in key order.
-    const lysc_node* schema = child->schema;
-    auto indexed = index.find(schema);
-    if (indexed != index.end()) {
-      for (const auto& [key, entry] : indexed->second) AppendNode(entry, out, index);
-      while (child && child->schema == schema) child = child->next;
-      continue;
-    }
-    std::map<EntryKey, const lyd_node*> sorted;
-    for (; child && child->schema == schema; child = child->next) {
-      sorted.emplace(EntryKey::Of(child), child);
-    }
-    for (const auto& [key, entry] : sorted) AppendNode(entry, out, index);
-  }
-}
-
-void AppendNode(const lyd_node* node, Node* parent,
-                const std::map<const lysc_node*, std::map<EntryKey, lyd_node*>>& index) {
-  Node* out = parent->add_child();
-  out->set_name(node->schema->name);
-  if (node->schema->nodetype & (LYS_LEAF | LYS_LEAFLIST)) {
-    SetValue(node, out->mutable_value());
-  } else {
-    AppendChildren(lyd_child(node), out, index);
-  }
-}
-
-}  // namespace
-
-void Datastore::Snapshot(Node* root) const {
-  root->set_name("/");
-  AppendChildren(running_, root, index_);
+std::string Datastore::AttachMessage(uint64_t seq, size_t headroom) const {
+  return SnapshotWriter(running_, index_).AttachMessage(seq, headroom);
 }
 
 std::string Datastore::RunningJson() const {

@@ -36,6 +36,9 @@ class Candidate {
 
   bool whole = false;
   lyd_node* tree = nullptr;
+  // A whole candidate's configuration as RFC 7951 JSON when the commit brought it that way (a
+  // JSON replace load), so that the journal need not print it again.
+  std::string json;
   std::map<const lysc_node*, std::map<EntryKey, lyd_node*>> entries;
 };
 
@@ -53,21 +56,22 @@ class Datastore {
   // A validated candidate from operator edits or a document; null with *error when the result
   // would be invalid. Nothing changes until Apply.
   std::unique_ptr<Candidate> Prepare(const Edit& edit, CommitError* error);
-  std::unique_ptr<Candidate> Prepare(const Load& load, CommitError* error);
+  std::unique_ptr<Candidate> Prepare(Load load, CommitError* error);
 
   // The candidate's changes against the running configuration, in ConfD's diff order.
-  void Diff(const Candidate& candidate, Changes* out) const;
+  void Diff(const Candidate& candidate, ChangeList* out) const;
 
   // Makes the candidate the running configuration.
   void Apply(std::unique_ptr<Candidate> candidate);
 
-  // What the journal keeps of a candidate: taken before Apply.
-  JournalRecord Record(const Candidate& candidate) const;
+  // What the journal keeps of a candidate: taken before Apply. Takes the candidate's JSON text.
+  JournalRecord Record(Candidate* candidate) const;
   // Applies a journal record to the running configuration, at start-up.
   bool Replay(const JournalRecord& record, CommitError* error);
 
-  // The running configuration as a tree, lists in key order.
-  void Snapshot(Node* root) const;
+  // The running configuration as the ServerMessage (encoded) of an AttachReply with sequence
+  // number `seq`, lists in key order, after `headroom` bytes left for the caller.
+  std::string AttachMessage(uint64_t seq, size_t headroom = 0) const;
   // The running configuration as RFC 7951 JSON.
   std::string RunningJson() const;
 
@@ -84,7 +88,9 @@ class Datastore {
   CommitError LastError(std::string_view fallback) const;
   // The error of a failed validation of `tree`, its path naming the list entry at fault.
   CommitError ValidationError(lyd_node* tree) const;
-  std::unique_ptr<Candidate> PrepareWhole(lyd_node* tree, CommitError* error);
+  // `validated`: the tree was validated as it was parsed.
+  std::unique_ptr<Candidate> PrepareWhole(lyd_node* tree, CommitError* error,
+                                          bool validated = false);
   // Leaves out of a partial candidate the entries equal to their running versions, so that
   // neither the journal nor the running tree spends work on them.
   void DropUnchanged(Candidate* candidate) const;

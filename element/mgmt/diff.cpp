@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "element/mgmt/entry_key.h"
-#include "element/mgmt/schema_info.h"
 
 namespace pbr::mgmt {
 namespace {
@@ -15,6 +14,17 @@ const lyd_node* Find(const lyd_node* first, const lysc_node* schema) {
     return nullptr;
   }
   return match;
+}
+
+using Keyed = std::pair<EntryKey, const lyd_node*>;
+
+// The list entries of `schema` from `n` on (siblings of one schema are adjacent), by key.
+std::vector<Keyed> SortedRun(const lyd_node* n, const lysc_node* schema) {
+  std::vector<Keyed> run;
+  for (; n && n->schema == schema; n = n->next) run.emplace_back(EntryKey::Of(n), n);
+  std::sort(run.begin(), run.end(),
+            [](const Keyed& a, const Keyed& b) { return a.first < b.first; });
+  return run;
 }
 
 std::vector<const lyd_node*> Instances(const lyd_node* first, const lysc_node* schema) {
@@ -74,33 +84,27 @@ void DiffWriter::Node(const lysc_node* schema, const lyd_node* oldFirst, const l
   const lyd_node* o = Find(oldFirst, schema);
   const lyd_node* n = Find(newFirst, schema);
   if (!o && !n) return;
-  KeypathElement& tag = path_.emplace_back();
-  SetTagElement(schema, &tag);
+  path_.push_back({schema, nullptr});
   if (schema->nodetype & LYS_LEAF) {
     if (!o || !n || lyd_compare_single(o, n, 0) != LY_SUCCESS) {
       Emit(n ? MOP_VALUE_SET : MOP_DELETED, o, n);
     }
   } else if (schema->nodetype == LYS_CONTAINER && (schema->flags & LYS_PRESENCE) && (!o || !n)) {
-    const int index = Emit(n ? MOP_CREATED : MOP_DELETED, nullptr, nullptr);
+    const size_t index = Emit(n ? MOP_CREATED : MOP_DELETED, nullptr, nullptr);
     OpenSubtree(index);
-    if (n) Children(schema, nullptr, nullptr, lyd_child(n));
+    if (n) Created(lyd_child(n));
     CloseSubtree(index);
+  } else if (!o) {
+    Created(lyd_child(n));
   } else {
-    Children(schema, nullptr, o ? lyd_child(o) : nullptr, n ? lyd_child(n) : nullptr);
+    Children(schema, nullptr, lyd_child(o), n ? lyd_child(n) : nullptr);
   }
   path_.pop_back();
 }
 
 void DiffWriter::List(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst) {
-  using Keyed = std::pair<EntryKey, const lyd_node*>;
-  auto sorted = [&](const lyd_node* first) {
-    std::vector<Keyed> v;
-    for (const lyd_node* n : Instances(first, schema)) v.emplace_back(EntryKey::Of(n), n);
-    std::sort(v.begin(), v.end(), [](const Keyed& a, const Keyed& b) { return a.first < b.first; });
-    return v;
-  };
-  const std::vector<Keyed> olds = sorted(oldFirst);
-  const std::vector<Keyed> news = sorted(newFirst);
+  const std::vector<Keyed> olds = SortedRun(Find(oldFirst, schema), schema);
+  const std::vector<Keyed> news = SortedRun(Find(newFirst, schema), schema);
   size_t i = 0, j = 0;
   while (i < olds.size() || j < news.size()) {
     if (j == news.size() || (i < olds.size() && olds[i].first < news[j].first)) {
@@ -120,20 +124,56 @@ void DiffWriter::Entry(const lyd_node* oldEntry, const lyd_node* newEntry) {
     return;
   }
   const lyd_node* any = newEntry ? newEntry : oldEntry;
-  SetTagElement(any->schema, &path_.emplace_back());
-  SetKeyElement(any, &path_.emplace_back());
-  const int index = Emit(!oldEntry   ? MOP_CREATED
-                         : !newEntry ? MOP_DELETED
-                                     : MOP_MODIFIED,
-                         nullptr, nullptr);
+  path_.push_back({any->schema, nullptr});
+  path_.push_back({any->schema, any});
+  const size_t index = Emit(!oldEntry   ? MOP_CREATED
+                            : !newEntry ? MOP_DELETED
+                                        : MOP_MODIFIED,
+                            nullptr, nullptr);
   OpenSubtree(index);
   // A deleted entry is reported alone; a new or changed one with its changed children.
-  if (newEntry) {
-    Children(any->schema, nullptr, oldEntry ? lyd_child(oldEntry) : nullptr, lyd_child(newEntry));
+  if (newEntry && !oldEntry) {
+    Created(lyd_child(newEntry));
+  } else if (newEntry) {
+    Children(any->schema, nullptr, lyd_child(oldEntry), lyd_child(newEntry));
   }
   CloseSubtree(index);
   path_.pop_back();
   path_.pop_back();
+}
+
+void DiffWriter::Created(const lyd_node* first) {
+  // libyang keeps siblings in schema order, so the data order is the order of the schema walk
+  // that Children does; only list entries need sorting by key.
+  for (const lyd_node* n = first; n;) {
+    const lysc_node* schema = n->schema;
+    if (!schema || (schema->flags & LYS_CONFIG_R)) {
+      n = n->next;
+      continue;
+    }
+    if (schema->nodetype == LYS_LIST) {
+      for (const auto& [key, entry] : SortedRun(n, schema)) Entry(nullptr, entry);
+      while (n && n->schema == schema) n = n->next;
+      continue;
+    }
+    path_.push_back({schema, nullptr});
+    if (schema->nodetype == LYS_LEAF) {
+      Emit(MOP_VALUE_SET, nullptr, n);
+    } else if (schema->nodetype == LYS_LEAFLIST) {
+      path_.push_back({schema, n});
+      Emit(MOP_CREATED, nullptr, nullptr);
+      path_.pop_back();
+    } else if (schema->nodetype == LYS_CONTAINER && (schema->flags & LYS_PRESENCE)) {
+      const size_t index = Emit(MOP_CREATED, nullptr, nullptr);
+      OpenSubtree(index);
+      Created(lyd_child(n));
+      CloseSubtree(index);
+    } else if (schema->nodetype == LYS_CONTAINER) {
+      Created(lyd_child(n));
+    }
+    path_.pop_back();
+    n = n->next;
+  }
 }
 
 void DiffWriter::LeafList(const lysc_node* schema, const lyd_node* oldFirst,
@@ -146,8 +186,8 @@ void DiffWriter::LeafList(const lysc_node* schema, const lyd_node* oldFirst,
     for (const lyd_node* entry : from) {
       lyd_node* match = nullptr;
       if (otherFirst && lyd_find_sibling_first(otherFirst, entry, &match) == LY_SUCCESS) continue;
-      SetTagElement(schema, &path_.emplace_back());
-      SetKeyElement(entry, &path_.emplace_back());
+      path_.push_back({schema, nullptr});
+      path_.push_back({schema, entry});
       Emit(op, nullptr, nullptr);
       path_.pop_back();
       path_.pop_back();
@@ -157,30 +197,25 @@ void DiffWriter::LeafList(const lysc_node* schema, const lyd_node* oldFirst,
   report(news, oldFirst, MOP_CREATED);
 }
 
-int DiffWriter::Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue) {
-  Change* change = out_->Add();
-  const int index = out_->size() - 1;
+size_t DiffWriter::Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue) {
+  const size_t index = out_->size();
   // Only what lies below the enclosing change travels; the receiver knows the rest.
   size_t from = 0;
+  uint32_t enclosing = 0;
   if (!open_.empty()) {
     from = open_.back().second;
-    change->set_enclosing(static_cast<uint32_t>(index - open_.back().first));
+    enclosing = static_cast<uint32_t>(index - open_.back().first);
   }
-  change->mutable_keypath()->Reserve(static_cast<int>(path_.size() - from));
-  for (size_t i = from; i < path_.size(); ++i) *change->add_keypath() = path_[i];
-  change->set_op(op);
-  if (oldValue) SetValue(oldValue, change->mutable_old_value());
-  if (newValue) SetValue(newValue, change->mutable_new_value());
-  return index;
+  return out_->Add(op, oldValue, newValue, enclosing, path_.data() + from, path_.size() - from);
 }
 
-void DiffWriter::OpenSubtree(int index) {
+void DiffWriter::OpenSubtree(size_t index) {
   open_.emplace_back(index, path_.size());
 }
 
-void DiffWriter::CloseSubtree(int index) {
+void DiffWriter::CloseSubtree(size_t index) {
   open_.pop_back();
-  out_->Mutable(index)->set_descendants(static_cast<uint32_t>(out_->size() - index - 1));
+  out_->SetDescendants(index, static_cast<uint32_t>(out_->size() - index - 1));
 }
 
 }  // namespace pbr::mgmt

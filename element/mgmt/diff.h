@@ -9,16 +9,14 @@
 
 #include <vector>
 
-#include "element/mgmt/mgmt.pb.h"
+#include "element/mgmt/change_list.h"
 #include "platform/confd_lib.h"
 
 namespace pbr::mgmt {
 
-using Changes = google::protobuf::RepeatedPtrField<Change>;
-
 class DiffWriter {
  public:
-  explicit DiffWriter(Changes* out) : out_(out) {}
+  explicit DiffWriter(ChangeList* out) : out_(out) {}
 
   // The changes between the children of two data nodes of schema `parent` (null: the
   // top-level nodes of `module`); either side may be null (nothing there).
@@ -29,23 +27,25 @@ class DiffWriter {
   // at the entry's parent.
   void Entry(const lyd_node* oldEntry, const lyd_node* newEntry);
 
-  // Keypath of the parent of the nodes to compare, root-most first.
-  void Push(const KeypathElement& element) { path_.push_back(element); }
+  // Keypath of the parent of the nodes to compare, root-most first: a schema node's tag.
+  void Push(const lysc_node* schema) { path_.push_back({schema, nullptr}); }
   void Pop() { path_.pop_back(); }
 
  private:
+  // The changes of the children of a node that is new: no old side to compare with.
+  void Created(const lyd_node* first);
   void Node(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
   void Choice(const lysc_node* choice, const lyd_node* oldFirst, const lyd_node* newFirst);
   void List(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
   void LeafList(const lysc_node* schema, const lyd_node* oldFirst, const lyd_node* newFirst);
-  int Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue);
-  void OpenSubtree(int index);
-  void CloseSubtree(int index);
+  size_t Emit(confd_iter_op op, const lyd_node* oldValue, const lyd_node* newValue);
+  void OpenSubtree(size_t index);
+  void CloseSubtree(size_t index);
 
-  Changes* out_;
-  std::vector<KeypathElement> path_;
+  ChangeList* out_;
+  std::vector<ChangeList::Step> path_;
   // The reported changes whose subtrees are open: their index and the keypath length at them.
-  std::vector<std::pair<int, size_t>> open_;
+  std::vector<std::pair<size_t, size_t>> open_;
 };
 
 }  // namespace pbr::mgmt

@@ -64,12 +64,11 @@ FramedStream::Frame FramedStream::Next(std::string_view* payload) {
   return Frame::kComplete;
 }
 
-void FramedStream::Queue(const google::protobuf::MessageLite& message) {
+unsigned char* FramedStream::AddFrame(size_t len) {
   if (outOffset_ == out_.size()) {
     out_.clear();
     outOffset_ = 0;
   }
-  const size_t len = message.ByteSizeLong();
   const size_t at = out_.size();
   out_.resize(at + 4 + len);
   auto* p = reinterpret_cast<unsigned char*>(out_.data() + at);
@@ -77,7 +76,26 @@ void FramedStream::Queue(const google::protobuf::MessageLite& message) {
   p[1] = static_cast<unsigned char>(len >> 16);
   p[2] = static_cast<unsigned char>(len >> 8);
   p[3] = static_cast<unsigned char>(len);
-  message.SerializeWithCachedSizesToArray(p + 4);
+  return p + 4;
+}
+
+void FramedStream::Queue(const google::protobuf::MessageLite& message) {
+  message.SerializeWithCachedSizesToArray(AddFrame(message.ByteSizeLong()));
+}
+
+void FramedStream::QueueFrame(std::string frame) {
+  const size_t len = frame.size() - kHeaderSize;
+  auto* p = reinterpret_cast<unsigned char*>(frame.data());
+  p[0] = static_cast<unsigned char>(len >> 24);
+  p[1] = static_cast<unsigned char>(len >> 16);
+  p[2] = static_cast<unsigned char>(len >> 8);
+  p[3] = static_cast<unsigned char>(len);
+  if (outOffset_ == out_.size()) {
+    out_ = std::move(frame);
+    outOffset_ = 0;
+  } else {
+    out_ += frame;
+  }
 }
 
 FramedStream::Io FramedStream::WriteTo(int fd) {

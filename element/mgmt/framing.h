@@ -33,12 +33,20 @@ class FramedStream {
 
   // Queues one message; it goes out with WriteTo.
   void Queue(const google::protobuf::MessageLite& message);
+  // Bytes in front of each message on the wire.
+  static constexpr size_t kHeaderSize = 4;
+  // Queues one message that is already encoded, in `frame` after kHeaderSize bytes of room for
+  // the header; a large message is taken over rather than copied when nothing else is queued.
+  void QueueFrame(std::string frame);
   // Writes as much queued output as the fd takes now.
   Io WriteTo(int fd);
   bool HasOutput() const { return outOffset_ < out_.size(); }
   size_t QueuedBytes() const { return out_.size() - outOffset_; }
 
  private:
+  // Appends a frame header for `len` bytes of payload and room for them.
+  unsigned char* AddFrame(size_t len);
+
   uint32_t maxFrameSize_;
   std::string in_;
   size_t inOffset_ = 0;

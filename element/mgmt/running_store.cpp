@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kHeader = 8;  // 4-byte big-endian length, 4-byte big-endian FNV-1a checksum
 
-uint32_t Checksum(const std::string& data) {
+uint32_t Checksum(std::string_view data) {
   uint32_t h = 2166136261u;
   for (unsigned char c : data) h = (h ^ c) * 16777619u;
   return h;
@@ -95,13 +95,15 @@ bool RunningStore::Load(Datastore* store, std::string* error) {
   return true;
 }
 
-bool RunningStore::Append(const JournalRecord& record, std::string* error) {
+bool RunningStore::Append(JournalRecord record, std::string* error) {
   if (journalFd_ < 0 && !OpenJournal(error)) return false;
-  const std::string payload = record.SerializeAsString();
+  // The header goes in front of the payload without copying a whole configuration again.
   std::string frame(kHeader, '\0');
+  frame.reserve(kHeader + record.ByteSizeLong());
+  record.AppendToString(&frame);
+  const std::string_view payload = std::string_view(frame).substr(kHeader);
   PutBe32(reinterpret_cast<unsigned char*>(frame.data()), static_cast<uint32_t>(payload.size()));
   PutBe32(reinterpret_cast<unsigned char*>(frame.data()) + 4, Checksum(payload));
-  frame += payload;
   size_t done = 0;
   while (done < frame.size()) {
     const ssize_t n = ::write(journalFd_, frame.data() + done, frame.size() - done);
@@ -121,13 +123,19 @@ bool RunningStore::Append(const JournalRecord& record, std::string* error) {
     return false;
   }
   journalBytes_ += frame.size();
+  if (record.whole()) {
+    wholeJson_ = std::move(*record.mutable_json());
+  } else {
+    wholeJson_.clear();
+  }
   compactionDue_ =
       compactionDue_ || record.whole() || journalBytes_ > std::max(compactFrom_, snapshotBytes_);
   return true;
 }
 
 bool RunningStore::Compact(const Datastore& store, std::string* error) {
-  const std::string text = store.RunningJson();
+  const std::string text = wholeJson_.empty() ? store.RunningJson() : std::move(wholeJson_);
+  wholeJson_.clear();
   if (!snapshot_.Write(text, error)) return false;
   // running.json now holds every record; replaying them on it would change nothing, so a
   // crash before this truncation is harmless.

@@ -31,13 +31,13 @@ class RunningStore {
   bool Load(Datastore* store, std::string* error);
 
   // Makes a commit durable: appends its record and syncs it.
-  bool Append(const JournalRecord& record, std::string* error);
+  bool Append(JournalRecord record, std::string* error);
 
   // Whether the journal has outgrown the configuration (or holds a whole configuration).
   bool CompactionDue() const { return compactionDue_; }
 
   // Rewrites running.json from `store`, which holds every appended commit, and empties the
-  // journal.
+  // journal. When the last record holds a whole configuration, its text is written as it is.
   bool Compact(const Datastore& store, std::string* error);
 
   const std::string& path() const { return snapshot_.path(); }
@@ -52,6 +52,8 @@ class RunningStore {
   uint64_t journalBytes_ = 0;
   uint64_t snapshotBytes_ = 0;
   bool compactionDue_ = false;
+  // The configuration of the last record when that record is whole: what a compaction writes.
+  std::string wholeJson_;
 };
 
 }  // namespace pbr::mgmt

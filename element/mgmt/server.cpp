@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <google/protobuf/arena.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -136,6 +135,8 @@ struct Server::Impl {
   void HandleIo(Session& session, uint32_t revents);
   void HandleMessage(Session& session, const std::string& payload);
   void Send(Session& session, const ServerMessage& message);
+  // Sends an encoded message that leaves FramedStream::kHeaderSize bytes in front.
+  void SendFrame(Session& session, std::string frame);
   void UpdateEvents(Session& session);
   void Close(uint64_t sessionId);
   void Respond(Session& session, uint64_t request, const CommitError* error, std::string data = {});
@@ -296,6 +297,12 @@ void Server::Impl::UpdateEvents(Session& session) {
   sd_event_source_set_io_events(session.io, EPOLLIN | (session.stream.HasOutput() ? EPOLLOUT : 0u));
 }
 
+void Server::Impl::SendFrame(Session& session, std::string frame) {
+  session.stream.QueueFrame(std::move(frame));
+  if (session.stream.WriteTo(session.fd) == FramedStream::Io::kError) return;
+  UpdateEvents(session);
+}
+
 void Server::Impl::Send(Session& session, const ServerMessage& message) {
   session.stream.Queue(message);
   if (session.stream.WriteTo(session.fd) == FramedStream::Io::kError) {
@@ -374,8 +381,9 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
       return;
     case ClientMessage::kEdit:
     case ClientMessage::kLoad: {
-      auto candidate = message.has_edit() ? store->Prepare(message.edit(), &error)
-                                          : store->Prepare(message.load(), &error);
+      auto candidate = message.has_edit()
+                           ? store->Prepare(message.edit(), &error)
+                           : store->Prepare(std::move(*message.mutable_load()), &error);
       if (!candidate) {
         Respond(session, request, &error);
         return;
@@ -439,40 +447,12 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
   vqmw::Logger().info("{} attached: {} subscriptions, {} callpoints", session.app,
                       session.subscriptions.size(), session.callpoints.size());
 
-  // A snapshot is hundreds of thousands of small messages: an arena makes and frees them at once.
-  google::protobuf::Arena arena;
-  auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(&arena);
-  AttachReply* reply = message->mutable_attach_reply();
-  reply->set_seq(seq);
-  store->Snapshot(reply->mutable_root());
-  Send(session, *message);
+  SendFrame(session, store->AttachMessage(seq, FramedStream::kHeaderSize));
 }
-
-namespace {
-
-bool UnderPath(const Change& change, const std::vector<uint32_t>& tags) {
-  size_t matched = 0;
-  for (const KeypathElement& e : change.keypath()) {
-    if (matched == tags.size()) return true;
-    if (e.key_size() > 0) continue;
-    if (e.tag() != tags[matched]) return false;
-    ++matched;
-  }
-  return matched == tags.size();
-}
-
-}  // namespace
 
 void Server::Impl::HandleCommit(Session& session, uint64_t request,
                                 std::unique_ptr<Candidate> candidate) {
-  // The changes of a bulk commit are many small messages: an arena makes them, and frees them
-  // once they are on their way, before the journal record is made.
-  auto arena = std::make_unique<google::protobuf::Arena>();
-  auto* all = google::protobuf::Arena::CreateMessage<SubscriptionChanges>(arena.get());
-  Changes& changes = *all->mutable_change();
-  store->Diff(*candidate, &changes);
   const uint64_t seqNo = ++seq;
-
   // Subscribers hear of the commit in the order of their lowest subscription priority.
   std::vector<std::pair<int32_t, Session*>> order;
   for (auto& [id, s] : sessions) {
@@ -483,52 +463,39 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
   }
   std::stable_sort(order.begin(), order.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
+  // The changes refer into the running and the candidate trees, so they go out before Apply;
+  // with nobody to hear of them they are not worked out at all.
+  ChangeList changes;
+  if (!order.empty()) store->Diff(*candidate, &changes);
   PendingCommit pending{session.id, request, {}, nullptr};
   for (auto& [priority, subscriber] : order) {
-    auto* message = google::protobuf::Arena::CreateMessage<ServerMessage>(arena.get());
-    Commit* commit = message->mutable_commit();
-    commit->set_seq(seqNo);
-    int whole = -1;  // a subscription that gets every change shares `all` instead of a copy
+    std::vector<ChangeList::Delivery> deliveries;
     for (size_t i = 0; i < subscriber->subscriptions.size(); ++i) {
       // A change with nothing enclosing it takes its subtree along: subscription paths end
       // above list entries, so subtrees never straddle them.
-      std::vector<std::pair<int, int>> ranges;
-      int count = 0;
-      for (int c = 0; c < changes.size();) {
-        const int end = c + 1 + static_cast<int>(changes[c].descendants());
-        if (UnderPath(changes[c], subscriber->subscriptions[i].tags)) {
-          ranges.emplace_back(c, end);
-          count += end - c;
+      ChangeList::Delivery delivery{static_cast<uint32_t>(i), {}};
+      for (size_t c = 0; c < changes.size();) {
+        const size_t end = c + 1 + changes.descendants(c);
+        if (changes.Under(c, subscriber->subscriptions[i].tags)) {
+          if (!delivery.ranges.empty() && delivery.ranges.back().second == c) {
+            delivery.ranges.back().second = end;
+          } else {
+            delivery.ranges.emplace_back(c, end);
+          }
         }
         c = end;
       }
-      if (count == 0) continue;
-      if (count == changes.size() && whole < 0) {
-        whole = static_cast<int>(i);
-        continue;
-      }
-      SubscriptionChanges* touched = commit->add_subscription();
-      touched->set_subscription(static_cast<uint32_t>(i));
-      for (auto [from, to] : ranges) {
-        for (int c = from; c < to; ++c) *touched->add_change() = changes[c];
-      }
+      if (!delivery.ranges.empty()) deliveries.push_back(std::move(delivery));
     }
-    if (whole >= 0) {
-      all->set_subscription(static_cast<uint32_t>(whole));
-      commit->mutable_subscription()->UnsafeArenaAddAllocated(all);
-    }
-    if (commit->subscription_size() == 0) continue;
-    Send(*subscriber, *message);  // serialises at once
-    // `all` goes back to serve the next subscriber.
-    if (whole >= 0) (void)commit->mutable_subscription()->UnsafeArenaReleaseLast();
+    if (deliveries.empty()) continue;
+    SendFrame(*subscriber, changes.CommitMessage(seqNo, deliveries, FramedStream::kHeaderSize));
     pending.waiting.insert(subscriber->id);
   }
-  arena.reset();
 
-  const JournalRecord record = store->Record(*candidate);
+  JournalRecord record = store->Record(candidate.get());
   store->Apply(std::move(candidate));
   std::string why;
-  const bool saved = persisted->Append(record, &why);
+  const bool saved = persisted->Append(std::move(record), &why);
   if (saved && persisted->CompactionDue() && !compaction) {
     // Rewriting the whole configuration waits until the commit has been answered.
     sd_event_add_defer(event, &compaction, OnCompact, this);

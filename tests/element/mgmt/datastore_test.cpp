@@ -63,12 +63,17 @@ class DatastoreTest : public ::testing::Test {
     auto candidate = store_->Prepare(request, &error);
     EXPECT_TRUE(candidate) << error.message << " at " << error.path;
     if (!candidate) return {};
-    Changes changes;
-    store_->Diff(*candidate, &changes);
+    // The changes as a subscriber receives them.
+    ChangeList list;
+    store_->Diff(*candidate, &list);
+    std::string wire;
+    list.Encode(0, list.size(), &wire);
     store_->Apply(std::move(candidate));
+    SubscriptionChanges changes;
+    EXPECT_TRUE(changes.ParseFromString(wire));
     // Each change carries its keypath below the change that encloses it.
     std::vector<std::string> paths, lines;
-    for (const Change& c : changes) {
+    for (const Change& c : changes.change()) {
       std::string path = c.enclosing() ? paths[paths.size() - c.enclosing()] : "";
       for (const KeypathElement& e : c.keypath()) {
         path += e.key_size() == 0 ? "/" + std::string(pbr::yang::NameOfTag(e.tag()))
@@ -109,6 +114,18 @@ constexpr const char* kRule7 = R"({"pbr:router":{"pbr":[{"id":7,"rule":{
            "source":{"ipv4-address":{"mask":{"ip":"10.1.2.3/16"}}},
            "destination":{"ipv4-address":{"no-mask":{"ip":"192.0.2.1"}}}},
   "action":{"next-hop":{"ip":"10.0.0.1"}}}}]}})";
+
+TEST_F(DatastoreTest, ANewRuleIsReportedInSchemaOrderWhateverTheDocumentsOrder) {
+  const std::vector<std::string> inOrder = Commit(Merge(kRule7));
+  store_ = std::make_unique<Datastore>(ctx_.get());
+  EXPECT_EQ(Commit(Merge(R"({"pbr:router":{"pbr":[{"rule":{
+    "action":{"next-hop":{"ip":"10.0.0.1"}},
+    "match":{"destination":{"ipv4-address":{"no-mask":{"ip":"192.0.2.1"}}},
+             "interface":["eth1","eth2"],
+             "source":{"ipv4-address":{"mask":{"ip":"10.1.2.3/16"}}}},
+    "description":"seven","priority":10},"id":7}]}})")),
+            inOrder);
+}
 
 // Creation, changes and deletions as commit callbacks are covered end to end with the framework;
 // these are the diffs that a single commit there does not show.
@@ -159,6 +176,66 @@ TEST_F(DatastoreTest, InvalidEditsAreRefusedWithThePathAndChangeNothing) {
   *edit.add_operation() = Delete("/router/pbr{7}/rule/priority").operation(0);
   Refuse(edit);
   EXPECT_EQ(store_->RunningJson(), before);
+}
+
+TEST_F(DatastoreTest, ACommitMessageCarriesEachSubscriptionsChangesAfterTheRoomAskedFor) {
+  Commit(Merge(kRule7));
+  CommitError error;
+  auto candidate = store_->Prepare(Merge(R"({"pbr:router":{"pbr":[{"id":7,"rule":{"priority":11}},
+                                      {"id":8,"rule":{"priority":12}}]}})"),
+                                   &error);
+  ASSERT_TRUE(candidate) << error.message;
+  ChangeList changes;
+  store_->Diff(*candidate, &changes);
+  ASSERT_EQ(changes.size(), 5u);  // pbr{7} +1, pbr{8} +2
+  const std::string message = changes.CommitMessage(9, {{0, {{0, 2}}}, {3, {{0, 2}, {2, 5}}}}, 4);
+  ServerMessage parsed;
+  ASSERT_TRUE(parsed.ParseFromString(message.substr(4)));
+  ASSERT_TRUE(parsed.has_commit());
+  EXPECT_EQ(parsed.commit().seq(), 9u);
+  ASSERT_EQ(parsed.commit().subscription_size(), 2);
+  EXPECT_EQ(parsed.commit().subscription(0).subscription(), 0u);
+  EXPECT_EQ(parsed.commit().subscription(0).change_size(), 2);
+  EXPECT_EQ(parsed.commit().subscription(1).subscription(), 3u);
+  ASSERT_EQ(parsed.commit().subscription(1).change_size(), 5);
+  const Change& created = parsed.commit().subscription(1).change(2);
+  EXPECT_EQ(created.op(), static_cast<uint32_t>(MOP_CREATED));
+  EXPECT_EQ(created.descendants(), 2u);
+  ASSERT_EQ(created.keypath_size(), 3);
+  EXPECT_EQ(created.keypath(2).key(0).text(), "8");
+  EXPECT_EQ(created.keypath(2).key(0).type(), static_cast<uint32_t>(C_UINT32));
+}
+
+TEST_F(DatastoreTest, SnapshotListsEntriesInKeyOrderWithTheirLeaves) {
+  Commit(Merge(R"({"pbr:router":{"pbr":[{"id":20,"rule":{"priority":2,"match":{
+                                           "interface":["eth9","eth1"]}}},
+                                         {"id":3,"rule":{"priority":1}}]}})"));
+  const std::string message = store_->AttachMessage(6, 4);
+  ServerMessage parsed;
+  ASSERT_TRUE(parsed.ParseFromString(message.substr(4)));
+  ASSERT_TRUE(parsed.has_attach_reply());
+  EXPECT_EQ(parsed.attach_reply().seq(), 6u);
+  const Node& root = parsed.attach_reply().root();
+  EXPECT_EQ(root.name(), "/");
+  ASSERT_EQ(root.child_size(), 1);
+  const Node& router = root.child(0);
+  EXPECT_EQ(router.name(), "router");
+  ASSERT_EQ(router.child_size(), 2);
+  EXPECT_EQ(router.child(0).child(0).value().text(), "3");
+  const Node& twenty = router.child(1);
+  EXPECT_EQ(twenty.child(0).name(), "id");
+  EXPECT_EQ(twenty.child(0).value().text(), "20");
+  EXPECT_EQ(twenty.child(0).value().type(), static_cast<uint32_t>(C_UINT32));
+  // Leaf-list entries keep their order; containers come as libyang holds them, empty or not.
+  const Node& rule = twenty.child(1);
+  ASSERT_EQ(rule.child_size(), 3);
+  EXPECT_EQ(rule.child(0).name(), "priority");
+  const Node& match = rule.child(1);
+  ASSERT_EQ(match.child_size(), 4);
+  EXPECT_EQ(match.child(0).value().text(), "eth9");
+  EXPECT_EQ(match.child(1).value().text(), "eth1");
+  EXPECT_EQ(match.child(2).name(), "source");
+  EXPECT_EQ(rule.child(2).name(), "action");
 }
 
 }  // namespace

@@ -20,17 +20,26 @@ class FramingTest : public ::testing::Test {
   int fds_[2];
 };
 
-TEST_F(FramingTest, MessagesArriveWholeWhateverTheReadBoundaries) {
+// Messages encoded by the caller, with room left for the header.
+std::string Frame(uint64_t id) {
+  ClientMessage m;
+  m.set_id(id);
+  return std::string(FramedStream::kHeaderSize, '\0') + m.SerializeAsString();
+}
+
+TEST_F(FramingTest, MessagesArriveWholeAndInOrderWhateverTheReadBoundaries) {
   FramedStream out, in;
   ClientMessage a, b;
   a.set_id(1);
   a.mutable_load()->set_data(std::string(300000, 'x'));  // more than one read
   b.set_id(2);
+  out.QueueFrame(Frame(3));  // taken over: nothing else queued
   out.Queue(a);
+  out.QueueFrame(Frame(4));  // appended
   out.Queue(b);
   std::string payload;
   std::vector<uint64_t> ids;
-  while (ids.size() < 2) {
+  while (ids.size() < 4) {
     ASSERT_EQ(out.WriteTo(fds_[0]), FramedStream::Io::kOk);
     ASSERT_EQ(in.ReadFrom(fds_[1]), FramedStream::Io::kOk);
     while (in.Next(&payload) == FramedStream::Frame::kComplete) {
@@ -42,7 +51,7 @@ TEST_F(FramingTest, MessagesArriveWholeWhateverTheReadBoundaries) {
       }
     }
   }
-  EXPECT_EQ(ids, (std::vector<uint64_t>{1, 2}));
+  EXPECT_EQ(ids, (std::vector<uint64_t>{3, 1, 4, 2}));
 }
 
 TEST_F(FramingTest, AnOversizedLengthIsRefusedBeforeAnyPayloadIsRead) {
