@@ -71,15 +71,28 @@ void MemoryBackend::Report(uint16_t id, uint32_t status) {
 void MemoryBackend::ScheduleFlush() {
   if (flush_scheduled_) return;
   flush_scheduled_ = true;
-  vqmw::Defer(mw_, [self = std::weak_ptr<MemoryBackend*>(self_)] {
+  auto flush = [self = std::weak_ptr<MemoryBackend*>(self_)] {
     if (auto backend = self.lock()) (*backend)->Flush();
-  });
+  };
+  const auto now = std::chrono::steady_clock::now();
+  if (now >= next_write_) {
+    vqmw::Defer(mw_, std::move(flush));
+  } else {
+    timer_ = vqmw::StartTimer(
+        mw_, std::chrono::duration_cast<std::chrono::microseconds>(next_write_ - now),
+        std::move(flush));
+  }
 }
 
 // The state file first, so that a listener told "programmed" finds the rule in it.
 void MemoryBackend::Flush() {
   flush_scheduled_ = false;
-  if (state_dirty_) WriteState();
+  if (state_dirty_) {
+    const auto start = std::chrono::steady_clock::now();
+    WriteState();
+    const auto end = std::chrono::steady_clock::now();
+    next_write_ = end + (end - start) * kRestPerWrite;
+  }
   std::vector<std::pair<uint16_t, uint32_t>> reports;
   reports.swap(reports_);
   for (const auto& [id, status] : reports) {

@@ -3,9 +3,13 @@
 // interface cannot be named) and DeleteEntry reports 0. Reports and the state file's rewrite
 // happen in one deferred call on the middleware loop after the current callback, so a burst of
 // changes costs one rewrite and listeners are never called from inside SetEntry/DeleteEntry.
+// The rewrite takes time in proportion to all the rules, not to the change: after one that took
+// T, the next waits until 4T have passed, so that with tens of thousands of rules a run of
+// commits is not held up behind rewrites (their reports wait with the file).
 // Everything runs on the loop's thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -13,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "element/middleware/loop.h"
 #include "element/pbr/rule_json.h"
 #include "platform/pbr_client.h"
 
@@ -45,6 +50,9 @@ class MemoryBackend final : public PbrClient {
   std::vector<std::pair<uint16_t, uint32_t>> reports_;  // in the order of the calls
   bool state_dirty_ = false;
   bool flush_scheduled_ = false;
+  static constexpr int kRestPerWrite = 4;
+  std::chrono::steady_clock::time_point next_write_;  // earliest start of the next rewrite
+  std::unique_ptr<vqmw::Source> timer_;               // a flush waiting for next_write_
   // Deferred calls hold a weak reference: a backend destroyed before its flush is left alone.
   std::shared_ptr<MemoryBackend*> self_;
 };
