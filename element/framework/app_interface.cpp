@@ -20,6 +20,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <google/protobuf/arena.h>
@@ -107,7 +108,9 @@ struct AppInterface::Impl {
   pbr::mgmt::FramedStream stream;
   std::chrono::milliseconds retry = kFirstRetry;
   std::chrono::steady_clock::time_point attachSent;  // when the pending Attach was queued
-  bool trimPending = false;  // a bulk message passed; trim the heap once its output is out
+  bool trimPending = false;
+  bool readyNotified = false;  // READY=1 goes to a service manager once, at the first attach  // a
+                               // bulk message passed; trim the heap once its output is out
   uint64_t nextRequest = 1;
 
   ~Impl() { Close(); }
@@ -373,6 +376,12 @@ void AppInterface::Impl::HandleAttachReply(const detail::CdbSnapshot& snapshot, 
             std::chrono::duration<double, std::milli>(now - attached).count(),
             std::chrono::duration<double, std::milli>(now - attachSent).count());
   Ack(seq);
+  // Serving from now on: a service manager waiting for readiness (Type=notify) may go on. Later
+  // re-attachments are not news to it.
+  if (!readyNotified) {
+    readyNotified = true;
+    sd_notify(0, "READY=1");
+  }
 }
 
 void AppInterface::Impl::HandleCommit(uint64_t seq, const std::vector<SubscriptionBytes>& commit) {

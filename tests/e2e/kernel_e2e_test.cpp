@@ -74,7 +74,7 @@ class KernelE2e : public ::testing::Test {
     mgmtd_ = pbrtest::StartService({Which("ip"), "netns", "exec", bed_->Ns("r"), PBR_MGMTD_BIN},
                                    (env_.root() / "notify").string(), &error);
     ASSERT_TRUE(mgmtd_) << "pbr-mgmtd did not start: " << error;
-    app_ = InRouter(PBR_APP_BIN);
+    StartApp();
   }
 
   void TearDown() override {
@@ -91,10 +91,13 @@ class KernelE2e : public ::testing::Test {
 
   std::string AppLog() const { return (env_.root() / "pbr-app.log").string(); }
 
-  // A program started in namespace r; it inherits the test's element environment.
-  std::unique_ptr<Child> InRouter(const std::string& program) {
-    return std::make_unique<Child>(
-        std::vector<std::string>{Which("ip"), "netns", "exec", bed_->Ns("r"), program});
+  // pbr-app in namespace r, with the test's element environment, once it has attached and
+  // applied the configuration (its READY=1).
+  void StartApp() {
+    std::string error;
+    app_ = pbrtest::StartService({Which("ip"), "netns", "exec", bed_->Ns("r"), PBR_APP_BIN},
+                                 (env_.root() / "notify-app").string(), &error);
+    ASSERT_TRUE(app_) << "pbr-app did not attach: " << error;
   }
 
   // Stops pbr-app as its service manager would and starts it again.
@@ -103,7 +106,7 @@ class KernelE2e : public ::testing::Test {
     const ChildResult end = app_->Finish(10s);
     app_.reset();
     ASSERT_EQ(end.status, 0) << end.out << end.err;
-    app_ = InRouter(PBR_APP_BIN);
+    StartApp();
   }
 
   ChildResult Cli(std::vector<std::string> args) {
