@@ -108,9 +108,8 @@ struct AppInterface::Impl {
   pbr::mgmt::FramedStream stream;
   std::chrono::milliseconds retry = kFirstRetry;
   std::chrono::steady_clock::time_point attachSent;  // when the pending Attach was queued
-  bool trimPending = false;
-  bool readyNotified = false;  // READY=1 goes to a service manager once, at the first attach  // a
-                               // bulk message passed; trim the heap once its output is out
+  bool trimPending = false;    // a bulk message passed; trim the heap once its output is out
+  bool readyNotified = false;  // READY=1 goes to a service manager once, at the first attach
   uint64_t nextRequest = 1;
 
   ~Impl() { Close(); }
@@ -291,7 +290,6 @@ void AppInterface::Impl::OnIo(uint32_t revents) {
       Handle(*message);
       if (generation != gen) return;  // a handler's exception dropped the connection
     }
-
     if (io != pbr::mgmt::FramedStream::Io::kOk) {
       Drop(io == pbr::mgmt::FramedStream::Io::kClosed ? "closed by the server" : "read failed");
       return;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "element/middleware/text.h"
 #include "element/yang/tags.h"
 
 namespace vqconfd::detail {
@@ -36,19 +37,8 @@ bool ParseI64(std::string_view text, int64_t min, int64_t max, int64_t* out) {
   return true;
 }
 
-template <typename T>
-void AppendNumber(T n, std::string* out) {
-  char text[24];
-  out->append(text, std::to_chars(text, text + sizeof text, n).ptr);
-}
-
-void AppendIpv4(const in_addr& address, std::string* out) {
-  const auto* octets = reinterpret_cast<const unsigned char*>(&address.s_addr);
-  for (int i = 0; i < 4; ++i) {
-    if (i > 0) out->push_back('.');
-    AppendNumber(octets[i], out);
-  }
-}
+using vqmw::AppendIpv4;
+using vqmw::AppendNumber;
 
 // Appends the text of a key or value as ConfD prints it in a keypath. Written without
 // formatted output: every change of a commit is printed this way.

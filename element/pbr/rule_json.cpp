@@ -3,10 +3,9 @@
 // cost more than the rules themselves.
 #include "element/pbr/rule_json.h"
 
-#include <arpa/inet.h>
-
-#include <charconv>
 #include <nlohmann/json.hpp>
+
+#include "element/middleware/text.h"
 
 namespace pbr {
 namespace {
@@ -18,25 +17,12 @@ std::optional<ShownRule::Prefix> PrefixOf(const Entry& entry) {
   return ShownRule::Prefix{ipv4.getIPv4(), ipv4.getIPv4Mask()};
 }
 
-void AppendNumber(uint32_t n, std::string* out) {
-  char text[16];
-  const auto end = std::to_chars(text, text + sizeof text, n).ptr;
-  out->append(text, end);
-}
+using vqmw::AppendNumber;
 
-// Dotted quad, as inet_ntop writes it, without its formatted-output machinery (which took most
-// of a state file's rewrite).
 void AppendAddress(const in_addr& address, std::string* out) {
-  const auto* octets = reinterpret_cast<const unsigned char*>(&address.s_addr);
-  char text[INET_ADDRSTRLEN + 2];
-  char* end = text;
-  *end++ = '"';
-  for (int i = 0; i < 4; ++i) {
-    if (i > 0) *end++ = '.';
-    end = std::to_chars(end, text + sizeof text, octets[i]).ptr;
-  }
-  *end++ = '"';
-  out->append(text, end);
+  out->push_back('"');
+  vqmw::AppendIpv4(address, out);
+  out->push_back('"');
 }
 
 // Interface names are plain ASCII in practice; anything else goes through the JSON library,
