@@ -4,11 +4,11 @@
 #include "common/pbr_schema.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/support/builders.h"
+#include "tests/support/entry_builder.h"
 
 namespace pbr {
 namespace {
 
-using build::Addr;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
@@ -16,19 +16,19 @@ class StatusTest : public DaemonTest {
  protected:
   // Serves one get-object request for `id` and returns the reply.
   std::vector<fake::ReplyValue> Show(uint32_t id) {
-    confd_hkeypath_t kp =
-        build::Keypath({build::Tag(pbr_router), build::Tag(pbr_pbr_status), build::U32(id)});
+    confd_hkeypath_t kp = build::Kp("/router/pbr-status{" + std::to_string(id) + "}");
     EXPECT_EQ(Callpoint().GetObjectCallback(nullptr, &kp), CONFD_OK);
     return fake::Replies().back();
   }
   vqconfd::DataHandler::Callpoint& Callpoint() { return *status.GetCallpoints().at(0); }
   // Rule 5 of the documentation's example.
   void AddExampleRule() {
-    Entry& entry = cache.GetConfig(5).entry;
-    entry.setMatch(MatchSrcIPv4(Addr("10.1.0.0"), Addr("255.255.0.0")));
-    entry.setMatch(MatchDstIPv4(Addr("192.168.2.1"), Addr("255.255.255.255")));
-    entry.setAction(ActionL3NextHop(Addr("10.0.0.1")));
-    entry.setPriority(3);
+    cache.GetConfig(5).entry = pbrtest::EntryBuilder(5)
+                                   .Priority(3)
+                                   .From("10.1.0.0/16")
+                                   .To("192.168.2.1")
+                                   .Via("10.0.0.1")
+                                   .Build();
     cache.GetConfig(5).description = "not shown";
   }
   static std::vector<int> Types(const std::vector<fake::ReplyValue>& reply) {
@@ -87,7 +87,7 @@ TEST_F(StatusTest, ARuleIsShownWithItsAddressesActionAndStatus) {
   EXPECT_EQ(reply[9].xmlTag, pbr_rule);
   EXPECT_TRUE(fake::Middleware().Logged("Received getObject request for '/router/pbr-status{5}'"));
   char stored[16];  // the address as stored, printed as a host integer
-  snprintf(stored, sizeof(stored), "%x", Addr("10.1.0.0").s_addr);
+  snprintf(stored, sizeof(stored), "%x", pbrtest::Ip("10.1.0.0").s_addr);
   EXPECT_TRUE(fake::Middleware().Logged(std::string("source ip = '10.1.0.0[") + stored +
                                         "] - 255.255.0.0[10]'"));
 }
@@ -115,9 +115,7 @@ TEST_F(StatusTest, MissingMatchesAreAbsentAndAMissingNextHopIsL3Routing) {
 }
 
 TEST_F(StatusTest, AddressTextsKeepHostBitsAndShowZeroLengthPrefixes) {
-  Entry& entry = cache.GetConfig(6).entry;
-  entry.setMatch(MatchSrcIPv4(Addr("0.0.0.0"), Addr("0.0.0.0")));
-  entry.setMatch(MatchDstIPv4(Addr("10.1.2.3"), Addr("255.255.0.0")));
+  cache.GetConfig(6).entry = pbrtest::EntryBuilder(6).From("0.0.0.0/0").To("10.1.2.3/16").Build();
   std::vector<fake::ReplyValue> reply = Show(6);
   EXPECT_EQ(reply[3].str, "0.0.0.0/0");
   EXPECT_EQ(reply[4].str, "10.1.2.3/16");
@@ -136,8 +134,7 @@ TEST_F(StatusTest, AnUnconfiguredIdIsShownEmptyAndCreated) {
 }
 
 TEST_F(StatusTest, TheKeyMustBeAnUnsignedInteger) {
-  confd_hkeypath_t kp =
-      build::Keypath({build::Tag(pbr_router), build::Tag(pbr_pbr_status), build::Buf("5")});
+  confd_hkeypath_t kp = build::Kp("/router/pbr-status{x5}");
   EXPECT_DEATH(Callpoint().GetObjectCallback(nullptr, &kp),
                "`\\(&\\(keypath->v\\[0\\]\\[0\\]\\)\\)->type == C_UINT32' failed");
 }

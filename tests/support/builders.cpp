@@ -4,16 +4,37 @@
 
 #include <cstring>
 #include <deque>
+#include <stdexcept>
+#include <vector>
 
 #include "common/pbr_schema.h"
 
 namespace build {
+namespace {
 
-using namespace pbr;
+uint32_t TagOf(const std::string& name) {
+#define PBR_TAG(constant, node, value) \
+  if (name == node) return value;
+#include "common/pbr_tags.def"
+#undef PBR_TAG
+  throw std::invalid_argument("no tag named " + name);
+}
+
+template <typename Values>
+confd_hkeypath_t FromRootFirst(const Values& rootFirst) {
+  confd_hkeypath_t kp;
+  memset(&kp, 0, sizeof(kp));
+  kp.len = static_cast<int>(rootFirst.size());
+  int i = kp.len - 1;
+  for (const confd_value_t& v : rootFirst) kp.v[i--][0] = v;
+  return kp;
+}
+
+}  // namespace
 
 confd_value_t Tag(uint32_t tag) {
   confd_value_t v{};
-  CONFD_SET_XMLTAG(&v, tag, pbr__ns);
+  CONFD_SET_XMLTAG(&v, tag, pbr::pbr__ns);
   return v;
 }
 
@@ -33,66 +54,41 @@ confd_value_t Buf(const std::string& text) {
   return v;
 }
 
-in_addr Addr(const char* address) {
-  in_addr a{};
-  inet_pton(AF_INET, address, &a);
-  return a;
-}
-
-std::string Text(const in_addr& address) {
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &address, text, sizeof(text));
-  return text;
-}
-
 confd_value_t Ipv4(const char* address) {
   confd_value_t v{};
-  CONFD_SET_IPV4(&v, Addr(address));
+  v.type = C_IPV4;
+  inet_pton(AF_INET, address, &v.val.ip);
   return v;
 }
 
 confd_value_t Ipv4AndPlen(const char* address, uint8_t prefixLen) {
   confd_value_t v{};
   v.type = C_IPV4_AND_PLEN;
-  v.val.ipv4prefix.ip = Addr(address);
+  inet_pton(AF_INET, address, &v.val.ipv4prefix.ip);
   v.val.ipv4prefix.len = prefixLen;
   return v;
 }
 
 confd_hkeypath_t Keypath(std::initializer_list<confd_value_t> rootFirst) {
-  confd_hkeypath_t kp;
-  memset(&kp, 0, sizeof(kp));
-  kp.len = static_cast<int>(rootFirst.size());
-  int i = kp.len - 1;
-  for (const confd_value_t& v : rootFirst) kp.v[i--][0] = v;
-  return kp;
+  return FromRootFirst(rootFirst);
 }
 
-confd_hkeypath_t RuleKp(uint32_t id) {
-  return Keypath({Tag(pbr_router), Tag(pbr_pbr), U32(id)});
-}
-
-confd_hkeypath_t IdKp(uint32_t id) {
-  return Keypath({Tag(pbr_router), Tag(pbr_pbr), U32(id), Tag(pbr_id)});
-}
-
-confd_hkeypath_t RuleLeafKp(uint32_t id, uint32_t leafTag) {
-  return Keypath({Tag(pbr_router), Tag(pbr_pbr), U32(id), Tag(pbr_rule), Tag(leafTag)});
-}
-
-confd_hkeypath_t InterfaceKp(uint32_t id, const std::string& name) {
-  return Keypath({Tag(pbr_router), Tag(pbr_pbr), U32(id), Tag(pbr_rule), Tag(pbr_match),
-                  Tag(pbr_interface), Buf(name)});
-}
-
-confd_hkeypath_t NextHopKp(uint32_t id) {
-  return Keypath({Tag(pbr_router), Tag(pbr_pbr), U32(id), Tag(pbr_rule), Tag(pbr_action),
-                  Tag(pbr_next_hop), Tag(pbr_ip)});
-}
-
-confd_hkeypath_t MatchIpKp(uint32_t id, uint32_t direction, uint32_t form) {
-  return Keypath({Tag(pbr_router), Tag(pbr_pbr), U32(id), Tag(pbr_rule), Tag(pbr_match),
-                  Tag(direction), Tag(pbr_ipv4_address), Tag(form), Tag(pbr_ip)});
+confd_hkeypath_t Kp(const std::string& path) {
+  std::vector<confd_value_t> rootFirst;
+  for (size_t at = 0; at < path.size();) {
+    const bool key = path[at] == '{';
+    const size_t end = key ? path.find('}', at) : path.find_first_of("/{", at + 1);
+    const std::string text = path.substr(at + 1, end == std::string::npos ? end : end - at - 1);
+    if (!key) {
+      rootFirst.push_back(Tag(TagOf(text)));
+    } else if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) {
+      rootFirst.push_back(U32(static_cast<uint32_t>(std::stoul(text))));
+    } else {
+      rootFirst.push_back(Buf(text));
+    }
+    at = key ? end + 1 : end;
+  }
+  return FromRootFirst(rootFirst);
 }
 
 }  // namespace build
