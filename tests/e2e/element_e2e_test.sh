@@ -130,8 +130,6 @@ cat >"$work/both.json" <<'JSON'
 JSON
 expect_refused "$rule{12}/rule/match/source/ipv4-address: Data for both cases" \
   load merge "$work/both.json"
-printf '{"pbr:router": {"pbr": [{"id": 13, "rule": {"priority": 1}' >"$work/cut.json"
-expect_refused "cut.json" load merge "$work/cut.json"
 
 step "a restarted pbr-app sends every rule again"
 stop "$app_pid"

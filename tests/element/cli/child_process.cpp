@@ -119,16 +119,6 @@ bool Child::Pump(std::chrono::milliseconds wait, int extraFd,
   return true;
 }
 
-bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
-  const Clock::time_point deadline = Clock::now() + timeout;
-  while (out_.find(text) == std::string::npos && err_.find(text) == std::string::npos) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0 || !Pump(left, -1, {})) return false;
-  }
-  return true;
-}
-
 bool Child::WaitReadable(int fd, std::chrono::milliseconds timeout) {
   const Clock::time_point deadline = Clock::now() + timeout;
   bool readable = false;
@@ -140,8 +130,7 @@ bool Child::WaitReadable(int fd, std::chrono::milliseconds timeout) {
   return true;
 }
 
-ChildResult Child::Finish(std::chrono::milliseconds timeout, int extraFd,
-                          const std::function<void()>& onReadable) {
+ChildResult Child::Finish(std::chrono::milliseconds timeout) {
   ChildResult result;
   const Clock::time_point deadline = Clock::now() + timeout;
   for (;;) {
@@ -152,7 +141,7 @@ ChildResult Child::Finish(std::chrono::milliseconds timeout, int extraFd,
       ::kill(pid_, SIGKILL);
       break;
     }
-    if (!Pump(left, extraFd, onReadable)) break;
+    if (!Pump(left, -1, {})) break;
   }
   int status = 0;
   ::waitpid(pid_, &status, 0);

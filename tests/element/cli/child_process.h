@@ -25,14 +25,8 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  // Reads output until `text` appears on stdout or stderr; false after `timeout` or when the
-  // child ends first.
-  bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout);
-
-  // Collects the output until the child ends, killing it after `timeout`. While waiting,
-  // `onReadable` is called whenever `extraFd` has input (a fake peer the child talks to).
-  ChildResult Finish(std::chrono::milliseconds timeout, int extraFd = -1,
-                     const std::function<void()>& onReadable = {});
+  // Collects the output until the child ends, killing it after `timeout`.
+  ChildResult Finish(std::chrono::milliseconds timeout);
 
   // Reads output until `fd` is readable; false after `timeout` or when the child ends first.
   bool WaitReadable(int fd, std::chrono::milliseconds timeout);
