@@ -184,33 +184,6 @@ TEST_F(KernelClientTest, CommittedRulesSteerTrafficAndDeletionReturnsItToMain) {
   EXPECT_EQ(PingPath(), "rb1");
 }
 
-TEST_F(KernelClientTest, RulesWithOneNextHopShareItsRouteUntilTheLastGoes) {
-  KernelClient& client = Start();
-  client.SetEntry(7, SteerToB2());
-  client.SetEntry(8, EntryBuilder(8).Priority(20).To("10.8.0.0/16").Via("10.0.2.2").Build());
-  ASSERT_TRUE(Settle());
-  EXPECT_EQ(Status(7), 1u);
-  EXPECT_EQ(Status(8), 1u);
-  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
-
-  // A dead next hop fails every rule that uses it.
-  ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
-  ASSERT_TRUE(RunUntil([&] { return Status(7) == 2 && Status(8) == 2; }));
-  ASSERT_EQ(bed_->Ip("b2", "link set b2r up"), 0);
-  ASSERT_TRUE(RunUntil([&] { return Status(7) == 1 && Status(8) == 1; }));
-
-  client.DeleteEntry(7);
-  ASSERT_TRUE(AwaitStatus(7, 0));
-  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"}) << "rule 8 still uses it";
-  EXPECT_EQ(Status(8), 1u);
-  EXPECT_EQ(PingPath(), "rb1");
-  client.DeleteEntry(8);
-  ASSERT_TRUE(AwaitStatus(8, 0));
-  ASSERT_TRUE(Settle());
-  EXPECT_TRUE(Gateways("10.0.2.2").empty());
-  EXPECT_TRUE(RuleTexts().empty());
-}
-
 TEST_F(KernelClientTest, ChangedSelectorAndNextHopMoveTrafficWithoutLoss) {
   KernelClient& client = Start();
   client.SetEntry(7, SteerToB2());
@@ -319,34 +292,48 @@ TEST_F(KernelClientTest, EqualPrioritiesAreOrderedByIdWhateverTheArrivalOrder) {
   EXPECT_EQ(RuleTexts()[2], "12 to 10.7.3.0/24" + via);
 }
 
-TEST_F(KernelClientTest, NextHopLinkDownFailsTheRuleAndItRecovers) {
+TEST_F(KernelClientTest, ALostNextHopFailsEveryRuleUsingItsRouteUntilItRecovers) {
   KernelClient& client = Start();
   client.SetEntry(7, SteerToB2());
-  ASSERT_TRUE(AwaitStatus(7, 1));
+  client.SetEntry(8, EntryBuilder(8).Priority(20).To("10.8.0.0/16").Via("10.0.2.2").Build());
+  ASSERT_TRUE(RunUntil([&] { return Status(7) == 1 && Status(8) == 1; }));
+  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
+  const auto both = [&](uint32_t status) {
+    return RunUntil([&] { return Status(7) == status && Status(8) == status; });
+  };
 
   // Carrier loss: the far end goes down.
   ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
-  ASSERT_TRUE(AwaitStatus(7, 2));
+  ASSERT_TRUE(both(2));
   EXPECT_EQ(PingPath(), "rb1") << "traffic should fall back to the main table";
   ASSERT_EQ(bed_->Ip("b2", "link set b2r up"), 0);
   ASSERT_EQ(bed_->Ip("b2", "route replace default via 10.0.2.1"), 0);  // b2's own, lost when down
-  ASSERT_TRUE(AwaitStatus(7, 1));
+  ASSERT_TRUE(both(1));
   EXPECT_EQ(PingPath(), "rb2");
 
-  // Administrative down: the kernel drops the route silently.
+  // Administrative down and address removal: the kernel drops the route silently.
   ASSERT_EQ(bed_->Ip("r", "link set rb2 down"), 0);
-  ASSERT_TRUE(AwaitStatus(7, 2));
+  ASSERT_TRUE(both(2));
   ASSERT_EQ(bed_->Ip("r", "link set rb2 up"), 0);
-  ASSERT_TRUE(AwaitStatus(7, 1));
+  ASSERT_TRUE(both(1));
+  ASSERT_EQ(bed_->Ip("r", "addr del 10.0.2.1/24 dev rb2"), 0);
+  ASSERT_TRUE(both(2));
+  ASSERT_EQ(bed_->Ip("r", "addr add 10.0.2.1/24 dev rb2"), 0);
+  ASSERT_TRUE(both(1));
   EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
   EXPECT_EQ(PingPath(), "rb2");
 
-  // Address removal drops the route silently too.
-  ASSERT_EQ(bed_->Ip("r", "addr del 10.0.2.1/24 dev rb2"), 0);
-  ASSERT_TRUE(AwaitStatus(7, 2));
-  ASSERT_EQ(bed_->Ip("r", "addr add 10.0.2.1/24 dev rb2"), 0);
-  ASSERT_TRUE(AwaitStatus(7, 1));
-  EXPECT_EQ(PingPath(), "rb2");
+  // The route stays until the last rule using it goes.
+  client.DeleteEntry(7);
+  ASSERT_TRUE(AwaitStatus(7, 0));
+  EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"}) << "rule 8 still uses it";
+  EXPECT_EQ(Status(8), 1u);
+  EXPECT_EQ(PingPath(), "rb1");
+  client.DeleteEntry(8);
+  ASSERT_TRUE(AwaitStatus(8, 0));
+  ASSERT_TRUE(Settle());
+  EXPECT_TRUE(Gateways("10.0.2.2").empty());
+  EXPECT_TRUE(RuleTexts().empty());
 }
 
 TEST_F(KernelClientTest, UnreachableNextHopFailsUntilItsSubnetAppears) {
