@@ -1,7 +1,6 @@
 // zlog on the element's log: categories, per-category trace levels and the records' fields.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "platform/vqmw.h"
@@ -19,92 +18,74 @@ class LogTest : public ::testing::Test {
     ASSERT_NE(mw_, nullptr);
   }
   void TearDown() override { vqmw_finish(&mw_); }
-
-  // As zlog's macros call it.
-  static void Record(zlog_category_t* c, int level, const char* text) {
-    zlog(c, "cache.cpp", 9, "HandlePbrEntry", 14, 42, level, "%s", text);
+  static bool Enabled(const char* category, int level) {
+    return zlog_level_enabled(vqmw_trace_register_category(category), level);
   }
 
   pbrtest::ElementEnv env_;
   vqmw_t* mw_ = nullptr;
 };
 
-TEST_F(LogTest, EverythingIsOffByDefault) {
-  Start("");
-  zlog_category_t* app = vqmw_trace_register_category("pbr-app");
-  EXPECT_FALSE(zlog_level_enabled(app, 10));
-  EXPECT_FALSE(zlog_level_enabled(app, 1000));
-  Record(app, 10, "hidden");
-  EXPECT_EQ(env_.Log().find("hidden"), std::string::npos);
+TEST_F(LogTest, TraceEntriesEnableLevelsPerCategoryAndMalformedOnesAreReportedAndSkipped) {
+  // Registered before the configuration is read: it applies all the same.
+  zlog_category_t* early = vqmw_trace_register_category("registered-early");
+  Start("*=10, quiet=100,pbr-app=loud,=3,pbr-app_cache=20,pbr-app=-1,registered-early=40");
+  struct Case {
+    const char* category;
+    int level;
+    bool enabled;
+  };
+  for (const Case& c :
+       {Case{"anything", 10, true}, Case{"anything", 9, false}, Case{"quiet", 10, false},
+        Case{"quiet", 100, true}, Case{"pbr-app", 9, false}, Case{"pbr-app_cache", 10, false},
+        Case{"pbr-app_cache", 20, true}}) {
+    EXPECT_EQ(Enabled(c.category, c.level), c.enabled) << c.category << " " << c.level;
+  }
+  EXPECT_TRUE(zlog_level_enabled(early, 40));
+  EXPECT_FALSE(zlog_level_enabled(early, 10));
+  EXPECT_FALSE(zlog_level_enabled(nullptr, 10));
+  const std::string log = env_.Log();
+  for (const char* bad : {"'pbr-app=loud'", "'=3'", "'pbr-app=-1'"}) {
+    EXPECT_NE(log.find(std::string("ignored trace entry ") + bad), std::string::npos) << log;
+  }
 }
 
-TEST_F(LogTest, DisabledLevelWritesNothingAndFormatsNothing) {
+TEST_F(LogTest, DisabledLevelsWriteAndFormatNothingAndEverythingIsOffByDefault) {
   Start("pbr-app=10");
   zlog_category_t* app = vqmw_trace_register_category("pbr-app");
   zlog_category_t* cache = vqmw_trace_register_category("pbr-app_cache");
-  EXPECT_FALSE(zlog_level_enabled(app, 9));
-  EXPECT_FALSE(zlog_level_enabled(cache, 10));
-  EXPECT_FALSE(zlog_level_enabled(nullptr, 10));
-
-  // Formatting either record would read through this pointer and fault.
+  // Formatting any of these records would read through this pointer and fault.
   const char* poisoned = reinterpret_cast<const char*>(16);
   zlog(app, "f", 1, "g", 1, 1, 9, "%s", poisoned);
   zlog(cache, "f", 1, "g", 1, 1, 10, "%s", poisoned);
   zlog(nullptr, "f", 1, "g", 1, 1, 10, "%s", poisoned);
   EXPECT_EQ(env_.Log(), "");
+  env_.Set("PBR_ELEMENT_TRACE", "");
+  vqmw_finish(&mw_);
+  Start("");
+  EXPECT_FALSE(Enabled("pbr-app", 1000));
 }
 
-TEST_F(LogTest, RecordCarriesCategoryLevelFileLineAndFunction) {
+TEST_F(LogTest, RecordCarriesCategoryLevelFileLineAndFunctionAndIsWrittenWhole) {
   Start("pbr-app_cache=10");
   zlog_category_t* cache = vqmw_trace_register_category("pbr-app_cache");
   EXPECT_EQ(cache, vqmw_trace_register_category("pbr-app_cache"));
-  ASSERT_TRUE(zlog_level_enabled(cache, 10));
-
   // File and function are cut at their lengths, not at a NUL.
   zlog(cache, "cache.cppTAIL", 9, "HandlePbrEntryTAIL", 14, 42, 10, "rule %u at %s\n", 7u,
        "10.1.0.0");
-  std::string log = env_.Log();
+  const std::string log = env_.Log();
   EXPECT_NE(log.find(" trace pbr-app_cache[10] cache.cpp:42 HandlePbrEntry: rule 7 at 10.1.0.0\n"),
             std::string::npos)
       << log;
   EXPECT_EQ(log.find("TAIL"), std::string::npos);
   EXPECT_EQ(log.find("\n\n"), std::string::npos);
 
-  // zlog's error level maps onto the log's error level.
-  Record(cache, 100, "went wrong");
-  EXPECT_NE(env_.Log().find(" error pbr-app_cache[100] cache.cpp:42"), std::string::npos);
-}
-
-TEST_F(LogTest, LongRecordsAreWrittenWhole) {
-  Start("pbr-app=0");
-  std::string text(5000, 'x');
-  text += "END";
-  Record(vqmw_trace_register_category("pbr-app"), 10, text.c_str());
-  EXPECT_NE(env_.Log().find(text + "\n"), std::string::npos);
-}
-
-TEST_F(LogTest, WildcardEnablesEveryCategoryExceptThoseNamed) {
-  Start("*=10, quiet=100");
-  EXPECT_TRUE(zlog_level_enabled(vqmw_trace_register_category("anything"), 10));
-  EXPECT_FALSE(zlog_level_enabled(vqmw_trace_register_category("quiet"), 10));
-  EXPECT_TRUE(zlog_level_enabled(vqmw_trace_register_category("quiet"), 100));
-}
-
-TEST_F(LogTest, RegistrationAppliesTheConfigurationToEarlierCategories) {
-  zlog_category_t* early = vqmw_trace_register_category("registered-early");
-  env_.Set("PBR_ELEMENT_TRACE", "");
-  Start("registered-early=10");
-  EXPECT_TRUE(zlog_level_enabled(early, 10));
-}
-
-TEST_F(LogTest, MalformedTraceEntriesAreReportedAndSkipped) {
-  Start("pbr-app=loud,=3,pbr-app_cache=10,pbr-app=-1");
-  std::string log = env_.Log();
-  EXPECT_NE(log.find("ignored trace entry 'pbr-app=loud'"), std::string::npos) << log;
-  EXPECT_NE(log.find("ignored trace entry '=3'"), std::string::npos);
-  EXPECT_NE(log.find("ignored trace entry 'pbr-app=-1'"), std::string::npos);
-  EXPECT_FALSE(zlog_level_enabled(vqmw_trace_register_category("pbr-app"), 10));
-  EXPECT_TRUE(zlog_level_enabled(vqmw_trace_register_category("pbr-app_cache"), 10));
+  // zlog's error level maps onto the log's error level; long records are not cut.
+  const std::string text = std::string(5000, 'x') + "END";
+  zlog(cache, "cache.cpp", 9, "HandlePbrEntry", 14, 42, 100, "%s", text.c_str());
+  EXPECT_NE(
+      env_.Log().find(" error pbr-app_cache[100] cache.cpp:42 HandlePbrEntry: " + text + "\n"),
+      std::string::npos);
 }
 
 }  // namespace

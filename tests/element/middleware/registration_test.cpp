@@ -46,17 +46,13 @@ TEST(Registration, SecondRegistrationUnderTheSameNameFailsWhileTheFirstLives) {
   vqmw_finish(&again);
 }
 
-TEST(Registration, NamesThatCannotBeLockFilesAreRefused) {
+TEST(Registration, NamesThatCannotBeLockFilesAndAnUnusableRuntimeDirAreRefused) {
   pbrtest::ElementEnv env;
   EXPECT_EQ(vqmw_init(nullptr), nullptr);
   EXPECT_EQ(vqmw_init(""), nullptr);
   EXPECT_EQ(vqmw_init("../escape"), nullptr);
   EXPECT_NE(env.Log().find("invalid application name '../escape'"), std::string::npos);
   vqmw_finish(nullptr);  // harmless
-}
-
-TEST(Registration, UnusableRuntimeDirIsReportedNotFatal) {
-  pbrtest::ElementEnv env;
   env.Set("PBR_ELEMENT_RUNTIME_DIR", "/proc/pbr-element-cannot-exist");
   EXPECT_EQ(vqmw_init("pbr-app"), nullptr);
   EXPECT_NE(env.Log().find("cannot open the lock"), std::string::npos);
