@@ -75,12 +75,13 @@ TEST_F(CacheTest, RuleOperationsFillTheIdSetsAndOnlyDeletionTouchesTheRecords) {
   uint32_t id = 6;
   for (confd_iter_op op : {MOP_CREATED, MOP_MODIFIED, MOP_VALUE_SET}) {
     EXPECT_EQ(cache.HandlePbrEntry(id, op), ITER_RECURSE);
+    ++id;
   }
   id = 3;
   for (int op : {int{MOP_MOVED_AFTER}, int{MOP_ATTR_SET}, 0, 99}) {
     EXPECT_EQ(cache.HandlePbrEntry(id, static_cast<confd_iter_op>(op)), ITER_RECURSE);
   }
-  EXPECT_THAT(cache.changedIds, ElementsAre(6u));
+  EXPECT_THAT(cache.changedIds, ElementsAre(6u, 7u, 8u));
   EXPECT_THAT(cache.deletedIds, ElementsAre(5u, 9u));
   ASSERT_EQ(cache.configs.size(), 1u);
   EXPECT_EQ(cache.configs.count(3), 1u);
