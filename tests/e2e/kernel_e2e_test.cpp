@@ -8,8 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -28,20 +26,6 @@ using namespace std::chrono_literals;
 using pbrtest::Child;
 using pbrtest::ChildResult;
 using pbrtest::TestBed;
-
-// The path of `program` on PATH (posix_spawn does not search it).
-std::string Which(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::string dirs = path ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
-  for (size_t at = 0; at <= dirs.size();) {
-    size_t end = dirs.find(':', at);
-    if (end == std::string::npos) end = dirs.size();
-    std::filesystem::path candidate = std::filesystem::path(dirs.substr(at, end - at)) / program;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate.string();
-    at = end + 1;
-  }
-  return program;
-}
 
 // Rule 7 as the operator commits it: traffic from a's subnet arriving on ra goes to `next_hop`.
 std::vector<std::string> Rule7(const std::string& next_hop) {
@@ -71,7 +55,7 @@ class KernelE2e : public ::testing::Test {
     env_.Set("PBR_ELEMENT_TRACE", "pbr-app=40");
     env_.Set("PBR_ELEMENT_LOG", AppLog());
     std::string error;
-    mgmtd_ = pbrtest::StartService({Which("ip"), "netns", "exec", bed_->Ns("r"), PBR_MGMTD_BIN},
+    mgmtd_ = pbrtest::StartService({"ip", "netns", "exec", bed_->Ns("r"), PBR_MGMTD_BIN},
                                    (env_.root() / "notify").string(), &error);
     ASSERT_TRUE(mgmtd_) << "pbr-mgmtd did not start: " << error;
     StartApp();
@@ -95,7 +79,7 @@ class KernelE2e : public ::testing::Test {
   // applied the configuration (its READY=1).
   void StartApp() {
     std::string error;
-    app_ = pbrtest::StartService({Which("ip"), "netns", "exec", bed_->Ns("r"), PBR_APP_BIN},
+    app_ = pbrtest::StartService({"ip", "netns", "exec", bed_->Ns("r"), PBR_APP_BIN},
                                  (env_.root() / "notify-app").string(), &error);
     ASSERT_TRUE(app_) << "pbr-app did not attach: " << error;
   }
@@ -145,18 +129,6 @@ class KernelE2e : public ::testing::Test {
     return Eventually([&] { return HwStatus(id) == status; });
   }
 
-  // Which of r's next-hop links carried a short ping from a to 10.9.9.9: "rb1", "rb2" or "?".
-  std::string PingPath() {
-    const uint64_t b1 = bed_->TxPackets("rb1"), b2 = bed_->TxPackets("rb2");
-    pbrtest::BackgroundPing ping(*bed_, 5, 20);
-    auto [sent, received] = ping.Wait();
-    EXPECT_EQ(received, sent) << "pings lost";
-    const uint64_t d1 = bed_->TxPackets("rb1") - b1, d2 = bed_->TxPackets("rb2") - b2;
-    if (d1 >= 5 && d2 < 5) return "rb1";
-    if (d2 >= 5 && d1 < 5) return "rb2";
-    return "? (rb1 +" + std::to_string(d1) + ", rb2 +" + std::to_string(d2) + ")";
-  }
-
   // Waits until the ping has gone `packets` more packets out of `dev`.
   void AwaitTraffic(const std::string& dev, uint64_t packets) {
     const uint64_t start = bed_->TxPackets(dev);
@@ -177,7 +149,7 @@ class KernelE2e : public ::testing::Test {
 };
 
 TEST_F(KernelE2e, CommittedRulesSteerTrafficSurviveARestartOfTheDaemonAndShowFailures) {
-  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(bed_->PingPath(), "rb1");
   Commit(Rule7("10.0.2.2"));
   Commit({"set", "/router/pbr{8}/rule/priority", "20", "--", "set",
           "/router/pbr{8}/rule/match/destination/ipv4-address/mask/ip", "10.8.0.0/16", "--", "set",
@@ -185,7 +157,7 @@ TEST_F(KernelE2e, CommittedRulesSteerTrafficSurviveARestartOfTheDaemonAndShowFai
   Commit({"set", "/router/pbr{9}/rule/priority", "30", "--", "set",
           "/router/pbr{9}/rule/match/destination/ipv4-address/no-mask/ip", "10.9.9.8"});
   for (uint32_t id : {7, 8, 9}) ASSERT_TRUE(AwaitHwStatus(id, "programmed")) << id;
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(bed_->PingPath(), "rb2");
   const nlohmann::json before = KernelObjects();
   ASSERT_EQ(before["rules"].size(), 3u) << before.dump();
   ASSERT_EQ(before["routes"].size(), 2u) << before.dump();
@@ -203,7 +175,7 @@ TEST_F(KernelE2e, CommittedRulesSteerTrafficSurviveARestartOfTheDaemonAndShowFai
 
   ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
   ASSERT_TRUE(AwaitHwStatus(7, "failed")) << HwStatus(7);
-  EXPECT_EQ(PingPath(), "rb1") << "traffic should fall back to the main table";
+  EXPECT_EQ(bed_->PingPath(), "rb1") << "traffic should fall back to the main table";
 
   // Deletion takes the rules and their routes away.
   Commit({"delete", "/router/pbr{7}", "--", "delete", "/router/pbr{8}", "--", "delete",

@@ -46,7 +46,7 @@ Child::Child(std::vector<std::string> argv, std::string input) : input_(std::mov
   std::vector<char*> args;
   for (std::string& a : argv) args.push_back(a.data());
   args.push_back(nullptr);
-  const int r = posix_spawn(&pid_, args[0], &actions, &attr, args.data(), environ);
+  const int r = posix_spawnp(&pid_, args[0], &actions, &attr, args.data(), environ);
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   ::close(in[0]);

@@ -19,7 +19,8 @@ struct ChildResult {
 
 class Child {
  public:
-  // Starts `argv` (argv[0] a path); `input` is written to its stdin, which is then closed.
+  // Starts `argv` (argv[0] a path, or a name looked up on PATH); `input` is written to its stdin,
+  // which is then closed.
   Child(std::vector<std::string> argv, std::string input = {});
   ~Child();  // kills a child still running
   Child(const Child&) = delete;

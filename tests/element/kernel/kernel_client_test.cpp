@@ -102,18 +102,6 @@ class KernelClientTest : public ::testing::Test, public PbrStatusItf {
     return it == statuses_.end() || it->second.empty() ? kNoReport : it->second.back();
   }
 
-  // Which of r's next-hop links carried a short ping from a to 10.9.9.9: "rb1", "rb2" or "?".
-  std::string PingPath() {
-    uint64_t b1 = bed_->TxPackets("rb1"), b2 = bed_->TxPackets("rb2");
-    pbrtest::BackgroundPing ping(*bed_, 5, 20);
-    auto [sent, received] = ping.Wait();
-    EXPECT_EQ(received, sent) << "pings lost";
-    uint64_t d1 = bed_->TxPackets("rb1") - b1, d2 = bed_->TxPackets("rb2") - b2;
-    if (d1 >= 5 && d2 < 5) return "rb1";
-    if (d2 >= 5 && d1 < 5) return "rb2";
-    return "? (rb1 +" + std::to_string(d1) + ", rb2 +" + std::to_string(d2) + ")";
-  }
-
   // Our rules as `ip rule` prints them, in list order: "11 from 10.1.0.0/16 iif ra lookup T".
   std::vector<std::string> RuleTexts() {
     std::vector<std::string> out;
@@ -155,7 +143,7 @@ Entry SteerToB2(uint16_t id = 7) {
 
 TEST_F(KernelClientTest, CommittedRulesSteerTrafficAndDeletionReturnsItToMain) {
   KernelClient& client = Start();
-  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(bed_->PingPath(), "rb1");
 
   EXPECT_EQ(client.SetEntry(7, SteerToB2()), PBR_OK);
   EXPECT_EQ(Status(7), kNoReport) << "no report from inside SetEntry";
@@ -163,7 +151,7 @@ TEST_F(KernelClientTest, CommittedRulesSteerTrafficAndDeletionReturnsItToMain) {
   EXPECT_EQ(RuleTexts(),
             std::vector<std::string>{"11 from 10.1.0.0/16 iif ra" + Lookup("10.0.2.2")});
   EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(bed_->PingPath(), "rb2");
 
   // A rule without next hop looks up main; ahead of rule 7 it exempts 10.9.9.9 from it.
   client.SetEntry(3, EntryBuilder(3).Priority(5).To("10.9.9.9").Build());
@@ -172,16 +160,16 @@ TEST_F(KernelClientTest, CommittedRulesSteerTrafficAndDeletionReturnsItToMain) {
   EXPECT_EQ(RuleTexts(),
             (std::vector<std::string>{"6 to 10.9.9.9 lookup main",
                                       "11 from 10.1.0.0/16 iif ra" + Lookup("10.0.2.2")}));
-  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(bed_->PingPath(), "rb1");
 
   client.DeleteEntry(3);
   ASSERT_TRUE(AwaitStatus(3, 0));
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(bed_->PingPath(), "rb2");
   client.DeleteEntry(7);
   ASSERT_TRUE(AwaitStatus(7, 0));
   EXPECT_TRUE(RuleTexts().empty());
   EXPECT_TRUE(Gateways("10.0.2.2").empty());
-  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(bed_->PingPath(), "rb1");
 }
 
 TEST_F(KernelClientTest, ChangedSelectorAndNextHopMoveTrafficWithoutLoss) {
@@ -305,11 +293,11 @@ TEST_F(KernelClientTest, ALostNextHopFailsEveryRuleUsingItsRouteUntilItRecovers)
   // Carrier loss: the far end goes down.
   ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
   ASSERT_TRUE(both(2));
-  EXPECT_EQ(PingPath(), "rb1") << "traffic should fall back to the main table";
+  EXPECT_EQ(bed_->PingPath(), "rb1") << "traffic should fall back to the main table";
   ASSERT_EQ(bed_->Ip("b2", "link set b2r up"), 0);
   ASSERT_EQ(bed_->Ip("b2", "route replace default via 10.0.2.1"), 0);  // b2's own, lost when down
   ASSERT_TRUE(both(1));
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(bed_->PingPath(), "rb2");
 
   // Administrative down and address removal: the kernel drops the route silently.
   ASSERT_EQ(bed_->Ip("r", "link set rb2 down"), 0);
@@ -321,14 +309,14 @@ TEST_F(KernelClientTest, ALostNextHopFailsEveryRuleUsingItsRouteUntilItRecovers)
   ASSERT_EQ(bed_->Ip("r", "addr add 10.0.2.1/24 dev rb2"), 0);
   ASSERT_TRUE(both(1));
   EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"});
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(bed_->PingPath(), "rb2");
 
   // The route stays until the last rule using it goes.
   client.DeleteEntry(7);
   ASSERT_TRUE(AwaitStatus(7, 0));
   EXPECT_EQ(Gateways("10.0.2.2"), std::vector<std::string>{"10.0.2.2"}) << "rule 8 still uses it";
   EXPECT_EQ(Status(8), 1u);
-  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(bed_->PingPath(), "rb1");
   client.DeleteEntry(8);
   ASSERT_TRUE(AwaitStatus(8, 0));
   ASSERT_TRUE(Settle());
@@ -342,14 +330,14 @@ TEST_F(KernelClientTest, UnreachableNextHopFailsUntilItsSubnetAppears) {
   ASSERT_TRUE(AwaitStatus(7, 2));
   EXPECT_TRUE(Gateways("10.0.3.2").empty());
   EXPECT_EQ(RuleTexts().size(), 1u) << "the rule stays; its empty table falls through to main";
-  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(bed_->PingPath(), "rb1");
 
   // Give b2 an address on the next hop's subnet and r a route to it.
   ASSERT_EQ(bed_->Ip("b2", "addr add 10.0.3.2/24 dev b2r"), 0);
   ASSERT_EQ(bed_->Ip("r", "addr add 10.0.3.1/24 dev rb2"), 0);
   ASSERT_TRUE(AwaitStatus(7, 1));
   EXPECT_EQ(Gateways("10.0.3.2"), std::vector<std::string>{"10.0.3.2"});
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(bed_->PingPath(), "rb2");
 }
 
 TEST_F(KernelClientTest, InvalidRulesFailAndLeaveNothingBehind) {
@@ -384,7 +372,7 @@ TEST_F(KernelClientTest, ObjectsRemovedBehindItsBackAreReinstalled) {
   ASSERT_TRUE(RunUntil([&] { return Gateways("10.0.2.2").size() == 1; }, 5s, 20ms));
   ASSERT_TRUE(Settle());
   EXPECT_EQ(Status(7), 1u);
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(bed_->PingPath(), "rb2");
 }
 
 }  // namespace

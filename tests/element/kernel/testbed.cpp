@@ -119,6 +119,16 @@ uint64_t TestBed::TxPackets(const std::string& dev) const {
   return json[0]["stats64"]["tx"]["packets"].get<uint64_t>();
 }
 
+std::string TestBed::PingPath() const {
+  const uint64_t b1 = TxPackets("rb1"), b2 = TxPackets("rb2");
+  const auto [sent, received] = BackgroundPing(*this, 5, 20).Wait();
+  const uint64_t d1 = TxPackets("rb1") - b1, d2 = TxPackets("rb2") - b2;
+  if (sent > 0 && received == sent && d1 >= 5 && d2 < 5) return "rb1";
+  if (sent > 0 && received == sent && d2 >= 5 && d1 < 5) return "rb2";
+  return "? (sent " + std::to_string(sent) + ", received " + std::to_string(received) + ", rb1 +" +
+         std::to_string(d1) + ", rb2 +" + std::to_string(d2) + ")";
+}
+
 BackgroundPing::BackgroundPing(const TestBed& bed, int count, int interval_ms) {
   char path[] = "/tmp/pbr-ping.XXXXXX";
   int fd = mkstemp(path);

@@ -41,6 +41,9 @@ class TestBed {
   nlohmann::json Routes(uint32_t table) const;
   // Packets r has sent out of `dev` (ra, rb1, rb2).
   uint64_t TxPackets(const std::string& dev) const;
+  // Which of r's next-hop links carried a short ping from a to 10.9.9.9, none lost: "rb1", "rb2",
+  // or "?" with the counts.
+  std::string PingPath() const;
 
  private:
   std::string prefix_;
