@@ -8,7 +8,6 @@
 #include "tests/daemon/daemon_test.h"
 #include "tests/support/builders.h"
 #include "tests/support/entry_builder.h"
-#include "tests/support/fake_limid.h"
 
 namespace pbr {
 namespace {
@@ -35,7 +34,6 @@ class CacheTest : public DaemonTest {
   confd_iter_ret Interface(uint32_t id, confd_iter_op op, const char* name) {
     return cache.HandlePbrMatchInterface(id, op, build::Buf(name));
   }
-  static uint32_t Port(const char* name) { return fake::LimidOf(name).value; }
   std::vector<std::string> Texts(const char* func) { return fake::Middleware().Texts(func); }
 
   ConfigCache cache;
@@ -190,14 +188,14 @@ TEST_F(CacheTest, InterfacesAreAppendedInOrderAndDeletedWithEveryEqualElement) {
   EXPECT_EQ(Interface(2, MOP_CREATED, "eth1"), ITER_RECURSE);
   Interface(2, MOP_CREATED, "eth2");
   Interface(2, MOP_CREATED, "eth1");
-  EXPECT_EQ(Rule(2), EntryBuilder(0).Iif(Port("eth1")).Iif(Port("eth2")).Iif(Port("eth1")).Build());
+  EXPECT_EQ(Rule(2), EntryBuilder(0).Iif("eth1").Iif("eth2").Iif("eth1").Build());
   // Another operation writes the list back unchanged.
   EXPECT_EQ(Interface(2, MOP_MOVED_AFTER, "eth2"), ITER_RECURSE);
   EXPECT_EQ(Interface(2, MOP_DELETED, "eth1"), ITER_RECURSE);
-  EXPECT_EQ(Rule(2), EntryBuilder(0).Iif(Port("eth2")).Build());
+  EXPECT_EQ(Rule(2), EntryBuilder(0).Iif("eth2").Build());
   // A name the rule lacks changes nothing but is logged; the last one takes the match with it.
   Interface(2, MOP_DELETED, "eth9");
-  EXPECT_EQ(Rule(2), EntryBuilder(0).Iif(Port("eth2")).Build());
+  EXPECT_EQ(Rule(2), EntryBuilder(0).Iif("eth2").Build());
   Interface(2, MOP_DELETED, "eth2");
   EXPECT_EQ(Rule(2), Entry{});
   Interface(3, MOP_DELETED, "eth9");

@@ -6,7 +6,6 @@
 #include "tests/support/builders.h"
 #include "tests/support/commit_driver.h"
 #include "tests/support/entry_builder.h"
-#include "tests/support/fake_limid.h"
 #include "tests/support/recording_client.h"
 
 namespace pbr {
@@ -62,12 +61,8 @@ TEST_F(ConfigHandlerTest, DispatchesEachLeafByItsDeepestTag) {
             ITER_RECURSE);
   EXPECT_EQ(cache.configs.at(7).id, 7u);
   EXPECT_EQ(cache.configs.at(7).description, "lab");
-  EXPECT_EQ(cache.configs.at(7).entry, EntryBuilder(7)
-                                           .Priority(3)
-                                           .Iif(fake::LimidOf("eth1").value)
-                                           .Via("10.0.0.1")
-                                           .To("192.168.2.1")
-                                           .Build());
+  EXPECT_EQ(cache.configs.at(7).entry,
+            EntryBuilder(7).Priority(3).Iif("eth1").Via("10.0.0.1").To("192.168.2.1").Build());
   EXPECT_TRUE(fake::Middleware().Logged(
       "Handling kp '/router/pbr{7}/rule/match/destination/ipv4-address/no-mask/ip'"));
 

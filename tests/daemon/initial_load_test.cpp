@@ -3,7 +3,6 @@
 #include "config/config_handler.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/support/entry_builder.h"
-#include "tests/support/fake_limid.h"
 #include "tests/support/recording_client.h"
 
 namespace pbr {
@@ -97,8 +96,8 @@ TEST_F(InitialLoadTest, ReadsEveryFieldOfARule) {
                              .Priority(9)
                              .From("10.1.2.3/16")
                              .To("192.0.2.1")
-                             .Iif(fake::LimidOf("eth1").value)
-                             .Iif(fake::LimidOf("eth2").value)
+                             .Iif("eth1")
+                             .Iif("eth2")
                              .Via("10.0.0.1")
                              .Build());
   Entry empty = EntryBuilder(2).Priority(1).Build();

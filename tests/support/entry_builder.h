@@ -8,6 +8,7 @@
 #include <list>
 #include <string>
 
+#include "platform/limid.h"
 #include "platform/pbr_model.h"
 
 namespace pbrtest {
@@ -51,6 +52,12 @@ class EntryBuilder {
     ports_.push_back(limid_t{limid});
     entry_.setMatch(pbr::MatchIngressPorts(ports_));
     return *this;
+  }
+  // By name, as limid_from_intfname identifies it.
+  EntryBuilder& Iif(const std::string& name) {
+    limid_t id{};
+    limid_from_intfname(&id, name.c_str());
+    return Iif(id.value);
   }
   EntryBuilder& Via(const std::string& next_hop) {
     entry_.setAction(pbr::ActionL3NextHop(Ip(next_hop)));

@@ -23,12 +23,6 @@ using namespace std::chrono_literals;
 using pbrtest::EntryBuilder;
 using Report = std::pair<uint16_t, uint32_t>;
 
-uint32_t Limid(const char* name) {
-  limid_t id{};
-  limid_from_intfname(&id, name);
-  return id.value;
-}
-
 class MemoryBackendTest : public ::testing::Test, public pbr::PbrStatusItf {
  protected:
   void SetUp() override {
@@ -85,8 +79,8 @@ TEST_F(MemoryBackendTest, ShowsTheRulesAndReportsEachChangeInOrderOnTheLoop) {
                            .Priority(30)
                            .From("10.1.0.0/16")
                            .To("198.51.100.7")
-                           .Iif(Limid("lo"))
-                           .Iif(Limid("pbrtest-absent0"))
+                           .Iif("lo")
+                           .Iif("pbrtest-absent0")
                            .Via("192.0.2.9")
                            .Build());
   client_->SetEntry(8, EntryBuilder(8).Priority(80).To("203.0.113.0/24").Build());
