@@ -32,8 +32,14 @@ std::string RefusalText(int error, const std::string& message) {
   return message.empty() ? std::strerror(-error) : message;
 }
 
-void Warn(const std::string& text) {
-  RuleReasons::Instance().Warn(text);
+void Warn(const std::string& text, const std::string& kind) {
+  RuleReasons::Instance().Warn(text, kind);
+}
+
+// A kernel refusal, logged with what was refused and summarised by its reason.
+void WarnRefusal(const std::string& what, int error, const std::string& message) {
+  const std::string reason = RefusalText(error, message);
+  Warn("the kernel refused " + what + ": " + reason, "the kernel refused a request: " + reason);
 }
 
 }  // namespace
@@ -65,7 +71,7 @@ void KernelClient::Start() {
   if (int error = channel_->Open()) {
     broken_reason_ = RefusalText(
         error, std::string("cannot open a routing netlink socket: ") + std::strerror(-error));
-    Warn(broken_reason_ + "; every rule fails");
+    Warn(broken_reason_ + "; every rule fails", broken_reason_);
     phase_ = Phase::kBroken;
     return;
   }
@@ -437,8 +443,7 @@ void KernelClient::SendGuard(bool add) {
     if (error == -ENOBUFS) {
       Resync();
     } else if (error && (add || error != -ENOENT)) {
-      Warn("the kernel refused to " + std::string(add ? "add " : "delete ") + Describe(guard) +
-           ": " + RefusalText(error, message));
+      WarnRefusal(std::string(add ? "to add " : "to delete ") + Describe(guard), error, message);
       if (add) guard_ = false;
     }
   };
@@ -522,8 +527,7 @@ void KernelClient::AddRule(uint16_t id, const FibRule& rule) {
     if (error == -ENOBUFS) {
       Resync();
     } else if (error) {
-      Warn("rule " + std::to_string(id) + ": the kernel refused " + Describe(rule) + ": " +
-           RefusalText(error, message));
+      WarnRefusal(Describe(rule) + " of rule " + std::to_string(id), error, message);
       auto it = std::find(m.rules.begin(), m.rules.end(), rule);
       if (it != m.rules.end()) {
         m.rules.erase(it);
@@ -543,7 +547,7 @@ void KernelClient::DeleteRule(std::optional<uint16_t> id, const FibRule& rule) {
     if (error == -ENOBUFS) {
       Resync();
     } else if (error && error != -ENOENT) {
-      Warn("the kernel refused to delete " + Describe(rule) + ": " + RefusalText(error, message));
+      WarnRefusal("to delete " + Describe(rule), error, message);
     }
     if (id) {
       --members_[*id].in_flight;
@@ -573,8 +577,7 @@ void KernelClient::ReplaceRoute(uint32_t table) {
           h.reason = error == -ENETUNREACH && !OnConnectedSubnet(h.want.gateway)
                          ? kNoSubnet
                          : RefusalText(error, message);
-          Warn("next hop " + AddressText(h.want.gateway) + ": the kernel refused " +
-               Describe(h.want) + ": " + RefusalText(error, message));
+          WarnRefusal(Describe(h.want), error, message);
           // The kernel kept what it had; withdraw that too until the next hop becomes usable.
           h.route = previous;
           h.blocked = true;
@@ -599,18 +602,18 @@ void KernelClient::ReplaceRoute(uint32_t table) {
 void KernelClient::DeleteRoute(std::optional<uint32_t> table, const DefaultRoute& route) {
   char buf[kMaxRequestSize];
   if (table) ++hops_[*table].in_flight;
-  channel_->Send(PutRouteDelete(buf, route), [this, table, route](int error,
-                                                                  const std::string& message) {
-    if (error == -ENOBUFS) {
-      Resync();
-    } else if (error && error != -ESRCH && error != -ENOENT) {
-      Warn("the kernel refused to delete " + Describe(route) + ": " + RefusalText(error, message));
-    }
-    if (table) {
-      --hops_[*table].in_flight;
-      HopFinished(*table);
-    }
-  });
+  channel_->Send(PutRouteDelete(buf, route),
+                 [this, table, route](int error, const std::string& message) {
+                   if (error == -ENOBUFS) {
+                     Resync();
+                   } else if (error && error != -ESRCH && error != -ENOENT) {
+                     WarnRefusal("to delete " + Describe(route), error, message);
+                   }
+                   if (table) {
+                     --hops_[*table].in_flight;
+                     HopFinished(*table);
+                   }
+                 });
 }
 
 void KernelClient::Finished(uint16_t id) {
@@ -828,6 +831,7 @@ void KernelClient::OnLink(const nlmsghdr* nlh) {
     if (!now && hop.route && hop.oif == link->index && !hop.blocked) {
       // Withdraw the route: traffic falls back to the main table instead of a dead link.
       hop.blocked = true;
+      hop.reason = kLinkDown;
       MarkHopDirty(table);
     } else if (now && hop.blocked && !hop.users.empty()) {
       hop.blocked = false;

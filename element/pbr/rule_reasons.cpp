@@ -55,11 +55,11 @@ std::string_view RuleReasons::Reason(uint16_t id) const {
   return it == reasons_.end() ? std::string_view() : std::string_view(it->second);
 }
 
-void RuleReasons::Warn(std::string_view text) {
+void RuleReasons::Warn(std::string_view text, std::string_view kind) {
   if (Admit()) {
     vqmw::Logger().warn("pbr-manager: {}", text);
   } else {
-    ++suppressed_["warning: " + std::string(text)];
+    ++suppressed_["warning: " + std::string(kind)];
   }
 }
 

@@ -40,8 +40,9 @@ class RuleReasons {
   // Whether any backend has reported through this registry (the process has a PBR manager).
   bool Active() const { return active_; }
 
-  // Logs a warning (a kernel refusal, for instance) under the same per-second budget.
-  void Warn(std::string_view text);
+  // Logs a warning (a kernel refusal, for instance) under the same per-second budget; beyond it,
+  // warnings are counted by `kind` ("the kernel refused a request: Operation not permitted").
+  void Warn(std::string_view text, std::string_view kind);
 
   // Forgets every rule and flushes pending summaries; for tests.
   void Reset();
