@@ -97,9 +97,15 @@ bool RuleReasons::Admit() {
 }
 
 void RuleReasons::Summarise() {
-  for (const auto& [outcome, count] : suppressed_)
-    vqmw::Logger().info("pbr-manager: {} more rule changes not logged one by one: {}", count,
-                        outcome);
+  constexpr std::string_view kWarning = "warning: ";
+  for (const auto& [outcome, count] : suppressed_) {
+    if (outcome.starts_with(kWarning))
+      vqmw::Logger().warn("pbr-manager: {} more warnings not logged one by one: {}", count,
+                          outcome.substr(kWarning.size()));
+    else
+      vqmw::Logger().info("pbr-manager: {} more rule changes not logged one by one: {}", count,
+                          outcome);
+  }
   suppressed_.clear();
 }
 

@@ -435,6 +435,7 @@ TEST_F(KernelClientTest, UnreachableNextHopFailsUntilItsSubnetAppears) {
   KernelClient& client = Start();
   client.SetEntry(7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Via("10.0.3.2").Build());
   ASSERT_TRUE(AwaitStatus(7, 2));
+  EXPECT_EQ(Reason(7), "next hop has no address on a connected subnet");
   EXPECT_TRUE(Gateways("10.0.3.2").empty());
   EXPECT_EQ(RuleTexts().size(), 1u) << "the rule stays; its empty table falls through to main";
   EXPECT_EQ(PingPath(), "rb1");
