@@ -36,6 +36,7 @@
 #include "element/framework/cdb.h"
 #include "element/framework/commit_wire.h"
 #include "element/framework/data_reply.h"
+#include "element/framework/element_callpoints.h"
 #include "element/framework/values.h"
 #include "element/mgmt/framing.h"
 #include "element/mgmt/mgmt.pb.h"
@@ -191,6 +192,7 @@ void AppInterface::Impl::Connect() {
     sub->set_path(p.point->path ? p.point->path : "");
   }
   for (const auto& [name, served] : callpoints) attach->add_callpoint(name);
+  for (const std::string& name : detail::ElementCallpoints()) attach->add_callpoint(name);
   stream.Queue(message);
   attachSent = std::chrono::steady_clock::now();
   UpdateEvents();
@@ -481,6 +483,10 @@ void AppInterface::Impl::HandleGetObjects(const pbr::mgmt::GetObjects& request) 
   message.set_id(nextRequest++);
   pbr::mgmt::DataReply* reply = message.mutable_data_reply();
   reply->set_request(request.request());
+  if (detail::AnswerElementCallpoint(request, reply)) {
+    Send(message);
+    return;
+  }
   auto served = callpoints.find(request.callpoint());
   const uint64_t gen = generation;
   confd_trans_ctx tctx{nullptr};

@@ -1,10 +1,13 @@
 #include "element/kernel/kernel_client.h"
 
+#include <arpa/inet.h>
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "element/pbr/rule_reasons.h"
 
 namespace pbr::element {
 namespace {
@@ -17,6 +20,28 @@ constexpr int kError = 100;
 
 constexpr auto kSyncRetry = std::chrono::seconds(1);
 
+constexpr const char* kLinkDown = "next-hop link down";
+constexpr const char* kNoSubnet = "next hop has no address on a connected subnet";
+constexpr const char* kLocalNextHop = "next hop is a local address";
+constexpr const char* kIngressAbsent = "ingress interface absent";
+constexpr const char* kNotPermitted = "not permitted: needs CAP_NET_ADMIN";
+
+// What an operator reads for a kernel refusal: its extended-ack text when it gave one.
+std::string RefusalText(int error, const std::string& message) {
+  if (error == -EPERM || error == -EACCES) return kNotPermitted;
+  return message.empty() ? std::strerror(-error) : message;
+}
+
+void Warn(const std::string& text, const std::string& kind) {
+  RuleReasons::Instance().Warn(text, kind);
+}
+
+// A kernel refusal, logged with what was refused and summarised by its reason.
+void WarnRefusal(const std::string& what, int error, const std::string& message) {
+  const std::string reason = RefusalText(error, message);
+  Warn("the kernel refused " + what + ": " + reason, "the kernel refused a request: " + reason);
+}
+
 }  // namespace
 
 #define KLOG(level, ...)                                                                           \
@@ -28,10 +53,12 @@ constexpr auto kSyncRetry = std::chrono::seconds(1);
 
 KernelClient::KernelClient(vqmw_t* mw, zlog_category_t* log, Options options)
     : mw_(mw), log_(log), options_(std::move(options)) {
+  RuleReasons::Instance().Bind(mw_);
   Start();
 }
 
 KernelClient::~KernelClient() {
+  RuleReasons::Instance().Bind(nullptr);
   *alive_ = false;
   grace_timer_.reset();
   retry_timer_.reset();
@@ -42,8 +69,9 @@ KernelClient::~KernelClient() {
 void KernelClient::Start() {
   channel_ = std::make_unique<NetlinkChannel>(mw_);
   if (int error = channel_->Open()) {
-    KLOG(kError, "cannot open a routing netlink socket: %s; every rule will fail",
-         std::strerror(-error));
+    broken_reason_ = RefusalText(
+        error, std::string("cannot open a routing netlink socket: ") + std::strerror(-error));
+    Warn(broken_reason_ + "; every rule fails", broken_reason_);
     phase_ = Phase::kBroken;
     return;
   }
@@ -68,6 +96,7 @@ void KernelClient::StartSync() {
   phase_ = Phase::kSyncing;
   sync_error_ = 0;
   dumped_links_.clear();
+  dumped_addresses_.clear();
   dumped_rules_.clear();
   dumped_routes_.clear();
   char buf[kMaxRequestSize];
@@ -77,7 +106,13 @@ void KernelClient::StartSync() {
   channel_->Dump(
       PutDump(buf, RTM_GETLINK),
       [this](const nlmsghdr* nlh) {
-        if (auto link = ParseLink(nlh)) dumped_links_[link->index] = link->flags;
+        if (auto link = ParseLink(nlh)) dumped_links_[link->index] = {link->flags, link->name};
+      },
+      note_error);
+  channel_->Dump(
+      PutDump(buf, RTM_GETADDR),
+      [this](const nlmsghdr* nlh) {
+        if (auto address = ParseAddress(nlh)) dumped_addresses_.push_back(*address);
       },
       note_error);
   channel_->Dump(
@@ -106,6 +141,7 @@ void KernelClient::FinishSync(int error) {
     return;
   }
   links_ = std::move(dumped_links_);
+  addresses_ = std::move(dumped_addresses_);
   leftover_rules_ = std::move(dumped_rules_);
   leftover_routes_ = std::move(dumped_routes_);
   KLOG(kInfo, "the kernel holds %zu rules and %zu routes of ours", leftover_rules_.size(),
@@ -122,6 +158,8 @@ void KernelClient::FinishSync(int error) {
     hop.blocked = hop.verify = false;
     dirty_hops_.insert(table);
   }
+  guard_ = false;
+  guard_dirty_ = true;
   phase_ = Phase::kReady;
   Reconcile();
   if (swept_ || sweep_requested_) SweepLeftovers();
@@ -141,8 +179,6 @@ Error KernelClient::SetEntry(const uint16_t& id, const Entry& entry) {
   IndexClass(id, m, false);
   IndexHop(id, m, false);
   m.want = LayOut(id, entry, options_.interface_names);
-  if (!m.want->error.empty())
-    KLOG(kWarn, "rule %u cannot be programmed: %s", id, m.want->error.c_str());
   // A new request deserves a fresh attempt.
   m.rules_failed = false;
   IndexClass(id, m, true);
@@ -170,13 +206,15 @@ Error KernelClient::RegisterStatusListener(PbrStatusItf* listener) {
 }
 
 bool KernelClient::Settled() const {
-  return phase_ != Phase::kSyncing && dirty_.empty() && dirty_hops_.empty() &&
+  return phase_ != Phase::kSyncing && dirty_.empty() && dirty_hops_.empty() && !guard_dirty_ &&
          !reconcile_scheduled_ && !sweep_requested_ && (!channel_ || channel_->Idle());
 }
 
 void KernelClient::IndexClass(uint16_t id, const Member& m, bool add) {
   if (!m.want || m.want->rules.empty()) return;
   uint32_t priority = m.want->rules.front().priority;
+  // The guard goes with the first rule and with the last.
+  if (classes_.empty() == add) guard_dirty_ = true;
   if (add) {
     classes_[priority].emplace(m.want->priority, id);
     return;
@@ -238,7 +276,7 @@ std::optional<uint32_t> KernelClient::HopOf(const Member& m) {
 
 void KernelClient::Reconcile() {
   reconcile_scheduled_ = false;
-  if (phase_ == Phase::kSyncing || (dirty_.empty() && dirty_hops_.empty())) return;
+  if (phase_ == Phase::kSyncing || (dirty_.empty() && dirty_hops_.empty() && !guard_dirty_)) return;
   std::vector<uint16_t> ids(dirty_.begin(), dirty_.end());
   std::vector<uint32_t> tables(dirty_hops_.begin(), dirty_hops_.end());
   dirty_.clear();
@@ -248,10 +286,19 @@ void KernelClient::Reconcile() {
     for (uint32_t table : tables) HopFinished(table);
   };
   if (phase_ == Phase::kBroken) {
+    guard_dirty_ = false;
     evaluate_all();
     return;
   }
   for (uint16_t id : ids) ClaimLeftovers(id, members_[id]);
+  const bool want_guard = !classes_.empty();
+  if (guard_dirty_ && want_guard && !guard_) {
+    auto it = leftover_rules_.find(LocalTrafficGuard());
+    if (it != leftover_rules_.end()) {
+      leftover_rules_.erase(it);
+      guard_ = true;
+    }
+  }
   for (uint32_t table : tables) {
     auto hop = hops_.find(table);
     if (hop != hops_.end()) ClaimLeftoverRoute(hop->second);
@@ -271,19 +318,42 @@ void KernelClient::Reconcile() {
     if (!wanted.empty()) touched.insert(wanted.front().priority);
   }
   std::vector<Placement> placements;
-  for (uint32_t kernel_priority : touched) {
-    uint64_t last = 0;
-    bool moved = false;
-    for (const auto& [priority, id] : classes_[kernel_priority]) {
-      Member& x = members_[id];
-      auto wanted = Wanted(x);
-      if (wanted.empty()) continue;
-      if (!moved && x.rules == wanted && x.serial > last) {
-        last = x.serial;
-        continue;
+  std::set<uint16_t> leaving;  // members whose installed rules go in this pass
+  auto place = [&] {
+    placements.clear();
+    leaving.clear();
+    for (uint32_t kernel_priority : touched) {
+      uint64_t last = 0;
+      bool moved = false;
+      for (const auto& [priority, id] : classes_[kernel_priority]) {
+        Member& x = members_[id];
+        auto wanted = Wanted(x);
+        if (wanted.empty()) continue;
+        if (!moved && !x.replace && x.rules == wanted && x.serial > last) {
+          last = x.serial;
+          continue;
+        }
+        moved = true;
+        placements.push_back({kernel_priority, priority, id});
+        leaving.insert(id);
       }
-      moved = true;
-      placements.push_back({kernel_priority, priority, id});
+    }
+    for (uint16_t id : ids) {
+      Member& m = members_[id];
+      if (Wanted(m).empty() && !m.rules.empty()) leaving.insert(id);
+    }
+  };
+  // Until no delete of this pass would hit a rule that stays: such rules are re-added too.
+  for (bool again = true; again;) {
+    place();
+    again = false;
+    for (uint16_t id : leaving) {
+      for (const FibRule& rule : members_[id].rules) {
+        if (MarkVictims(rule, leaving)) {
+          touched.insert(rule.priority);
+          again = true;
+        }
+      }
     }
   }
   // Descending kernel priority: each add then lands at the head of the kernel's list.
@@ -298,6 +368,11 @@ void KernelClient::Reconcile() {
     auto it = hops_.find(table);
     if (it == hops_.end()) continue;
     NextHop& hop = it->second;
+    if (!hop.users.empty() && !hop.blocked && IsLocalAddress(hop.want.gateway)) {
+      // The kernel accepts it, but such a route sends the traffic back to the router itself.
+      hop.blocked = true;
+      hop.reason = kLocalNextHop;
+    }
     if (!hop.users.empty() && !hop.blocked) {
       if (hop.route != hop.want || hop.verify) ReplaceRoute(table);
     } else if (hop.route) {
@@ -306,6 +381,7 @@ void KernelClient::Reconcile() {
     }
     hop.verify = false;
   }
+  if (guard_dirty_ && want_guard && !guard_) SendGuard(true);
   std::vector<std::pair<uint16_t, FibRule>> rule_deletes;
   for (uint16_t id : ids) {
     Member& m = members_[id];
@@ -319,20 +395,59 @@ void KernelClient::Reconcile() {
     auto old = std::move(x.rules);
     x.rules = Wanted(x);
     x.serial = next_serial_++;
+    x.replace = false;
     for (const auto& rule : x.rules) AddRule(p.id, rule);
     // Deleting a rule identical to the one just added removes the older copy: the kernel deletes
     // the first match and the new copy sits after it.
     for (auto& rule : old) rule_deletes.emplace_back(p.id, rule);
   }
-  // Ascending priority: the kernel finds each rule to delete near the head of its list.
+  // Ascending priority: the kernel finds each rule to delete near the head of its list. The more
+  // specific first, so that no delete of a less specific rule can hit them.
   std::stable_sort(rule_deletes.begin(), rule_deletes.end(), [](const auto& a, const auto& b) {
-    return a.second.priority < b.second.priority;
+    if (a.second.priority != b.second.priority) return a.second.priority < b.second.priority;
+    return Specificity(a.second) > Specificity(b.second);
   });
   for (const auto& [id, rule] : rule_deletes) DeleteRule(id, rule);
+  if (guard_dirty_ && !want_guard && guard_) SendGuard(false);
+  guard_dirty_ = false;
   // Last: no rule looks up these tables any more.
   for (const auto& [table, route] : route_deletes) DeleteRoute(table, route);
 
   evaluate_all();
+}
+
+bool KernelClient::MarkVictims(const FibRule& rule, const std::set<uint16_t>& leaving) {
+  if (Specificity(rule) == 3) return false;  // nothing is more specific
+  auto cls = classes_.find(rule.priority);
+  if (cls == classes_.end()) return false;
+  bool marked = false;
+  for (const auto& [priority, id] : cls->second) {
+    Member& y = members_[id];
+    if (leaving.count(id) || y.replace) continue;
+    for (const FibRule& other : y.rules) {
+      if (other != rule && DeleteMatches(rule, other)) {
+        y.replace = true;
+        marked = true;
+        break;
+      }
+    }
+  }
+  return marked;
+}
+
+void KernelClient::SendGuard(bool add) {
+  char buf[kMaxRequestSize];
+  const FibRule guard = LocalTrafficGuard();
+  guard_ = add;
+  auto done = [this, add, guard](int error, const std::string& message) {
+    if (error == -ENOBUFS) {
+      Resync();
+    } else if (error && (add || error != -ENOENT)) {
+      WarnRefusal(std::string(add ? "to add " : "to delete ") + Describe(guard), error, message);
+      if (add) guard_ = false;
+    }
+  };
+  channel_->Send(add ? PutRuleAdd(buf, guard) : PutRuleDelete(buf, guard), std::move(done));
 }
 
 void KernelClient::ClaimLeftovers(uint16_t id, Member& m) {
@@ -356,7 +471,10 @@ void KernelClient::ClaimLeftoverRoute(NextHop& hop) {
     if (it->second.route != hop.want) continue;
     hop.route = it->second.route;
     hop.oif = it->second.oif;
-    if (it->second.linkdown || !LinkUsableNow(hop.oif)) hop.blocked = true;
+    if (it->second.linkdown || !LinkUsableNow(hop.oif)) {
+      hop.blocked = true;
+      hop.reason = kLinkDown;
+    }
     KLOG(kDebug, "adopted %s", Describe(*hop.route).c_str());
     leftover_routes_.erase(it);
     return;
@@ -381,7 +499,20 @@ void KernelClient::SweepLeftovers() {
   if (!leftover_rules_.empty() || !leftover_routes_.empty())
     KLOG(kInfo, "removing %zu rules and %zu routes that no rule wants", leftover_rules_.size(),
          leftover_routes_.size());
-  for (const auto& [rule, serial] : leftover_rules_) DeleteRule(std::nullopt, rule);
+  // Rules that stay and that a leftover's delete would hit first are re-added before it.
+  bool victims = false;
+  for (const auto& [rule, serial] : leftover_rules_) victims |= MarkVictims(rule, {});
+  if (victims) {
+    for (auto& [id, m] : members_)
+      if (m.replace) dirty_.insert(id);
+    Reconcile();
+  }
+  std::vector<FibRule> rules;
+  for (const auto& [rule, serial] : leftover_rules_) rules.push_back(rule);
+  std::stable_sort(rules.begin(), rules.end(), [](const FibRule& a, const FibRule& b) {
+    return Specificity(a) > Specificity(b);
+  });
+  for (const FibRule& rule : rules) DeleteRule(std::nullopt, rule);
   for (const auto& [table, info] : leftover_routes_) DeleteRoute(std::nullopt, info.route);
   leftover_rules_.clear();
   leftover_routes_.clear();
@@ -396,11 +527,11 @@ void KernelClient::AddRule(uint16_t id, const FibRule& rule) {
     if (error == -ENOBUFS) {
       Resync();
     } else if (error) {
-      KLOG(kWarn, "rule %u: the kernel refused %s: %s %s", id, Describe(rule).c_str(),
-           std::strerror(-error), message.c_str());
+      WarnRefusal(Describe(rule) + " of rule " + std::to_string(id), error, message);
       auto it = std::find(m.rules.begin(), m.rules.end(), rule);
       if (it != m.rules.end()) {
         m.rules.erase(it);
+        m.refusal = RefusalText(error, message);
         m.rules_failed = true;  // withdraw the rest: half a rule is worse than none
         MarkDirty(id);
       }
@@ -416,8 +547,7 @@ void KernelClient::DeleteRule(std::optional<uint16_t> id, const FibRule& rule) {
     if (error == -ENOBUFS) {
       Resync();
     } else if (error && error != -ENOENT) {
-      KLOG(kWarn, "deleting %s failed: %s %s", Describe(rule).c_str(), std::strerror(-error),
-           message.c_str());
+      WarnRefusal("to delete " + Describe(rule), error, message);
     }
     if (id) {
       --members_[*id].in_flight;
@@ -443,15 +573,18 @@ void KernelClient::ReplaceRoute(uint32_t table) {
         } else if (h.route != h.want) {
           // Withdrawn by a later request.
         } else if (error) {
-          KLOG(kWarn, "next hop %s: the kernel refused %s: %s %s",
-               AddressText(h.want.gateway).c_str(), Describe(h.want).c_str(), std::strerror(-error),
-               message.c_str());
+          // An unreachable gateway is refused as "invalid"; say why when no subnet holds it.
+          h.reason = error == -ENETUNREACH && !OnConnectedSubnet(h.want.gateway)
+                         ? kNoSubnet
+                         : RefusalText(error, message);
+          WarnRefusal(Describe(h.want), error, message);
           // The kernel kept what it had; withdraw that too until the next hop becomes usable.
           h.route = previous;
           h.blocked = true;
           MarkHopDirty(table);
         } else if (h.echo_linkdown || !LinkUsableNow(h.oif)) {
           KLOG(kInfo, "next hop %s: its link is down", AddressText(h.want.gateway).c_str());
+          h.reason = kLinkDown;
           h.blocked = true;
           MarkHopDirty(table);
         }
@@ -474,8 +607,7 @@ void KernelClient::DeleteRoute(std::optional<uint32_t> table, const DefaultRoute
                    if (error == -ENOBUFS) {
                      Resync();
                    } else if (error && error != -ESRCH && error != -ENOENT) {
-                     KLOG(kWarn, "deleting %s failed: %s %s", Describe(route).c_str(),
-                          std::strerror(-error), message.c_str());
+                     WarnRefusal("to delete " + Describe(route), error, message);
                    }
                    if (table) {
                      --hops_[*table].in_flight;
@@ -510,28 +642,82 @@ void KernelClient::Evaluate(uint16_t id) {
     if (!m.rules.empty()) return;
     bool reported = m.reported.has_value();
     members_.erase(it);
-    if (reported && listener_) listener_->StatusUpdateCb(id, 0);
+    if (reported) {
+      RuleReasons::Instance().Report(id, 0, "");
+      if (listener_) listener_->StatusUpdateCb(id, 0);
+    }
     return;
   }
-  uint32_t code = 1;
-  if (phase_ == Phase::kBroken || !m.want->error.empty() || m.rules_failed) {
-    code = 2;
-  } else if (auto table = HopOf(m)) {
-    auto hop = hops_.find(*table);
-    if (hop != hops_.end() && (hop->second.in_flight > 0 || dirty_hops_.count(*table))) return;
-    if (hop == hops_.end() || hop->second.route != hop->second.want || hop->second.blocked)
-      code = 2;
+  uint32_t code = 2;
+  std::string reason;
+  if (phase_ == Phase::kBroken) {
+    reason = broken_reason_;
+  } else if (!m.want->error.empty()) {
+    reason = m.want->error;
+  } else if (m.rules_failed) {
+    reason = m.refusal;
+  } else {
+    code = 1;
+    if (auto table = HopOf(m)) {
+      auto hop = hops_.find(*table);
+      if (hop != hops_.end() && (hop->second.in_flight > 0 || dirty_hops_.count(*table))) return;
+      if (hop == hops_.end() || hop->second.route != hop->second.want || hop->second.blocked) {
+        code = 2;
+        reason = hop != hops_.end() && hop->second.blocked && !hop->second.reason.empty()
+                     ? hop->second.reason
+                     : "next hop route not installed";
+      }
+    }
+    // Installed, but steering nothing until its ingress interface exists.
+    for (const FibRule& rule : m.want->rules) {
+      if (code == 1 && !rule.iif.empty() && !LinkExists(rule.iif)) {
+        code = 2;
+        reason = std::string(kIngressAbsent) + ": " + rule.iif;
+      }
+    }
   }
-  if (m.reported == code || !listener_) return;
+  Report(id, m, code, std::move(reason));
+}
+
+void KernelClient::Report(uint16_t id, Member& m, uint32_t code, std::string reason) {
+  if (m.reported == code && m.reported_reason == reason) return;
+  RuleReasons::Instance().Report(id, code, reason);
+  bool changed = m.reported != code;
   m.reported = code;
-  KLOG(kInfo, "rule %u: status %u", id, code);
-  listener_->StatusUpdateCb(id, code);
+  m.reported_reason = std::move(reason);
+  if (changed && listener_) listener_->StatusUpdateCb(id, code);
+}
+
+void KernelClient::EvaluateAll() {
+  std::vector<uint16_t> ids;
+  for (const auto& [id, m] : members_) ids.push_back(id);
+  for (uint16_t id : ids) Evaluate(id);
 }
 
 bool KernelClient::LinkUsableNow(int index) const {
   auto it = links_.find(index);
   // A link we have not heard of yet: trust the kernel, which accepted the route.
-  return it == links_.end() || LinkUsable(it->second);
+  return it == links_.end() || LinkUsable(it->second.flags);
+}
+
+bool KernelClient::LinkExists(const std::string& name) const {
+  for (const auto& [index, link] : links_)
+    if (link.name == name) return true;
+  return false;
+}
+
+bool KernelClient::IsLocalAddress(uint32_t addr) const {
+  for (const AddressInfo& a : addresses_)
+    if (a.addr == addr) return true;
+  return false;
+}
+
+bool KernelClient::OnConnectedSubnet(uint32_t addr) const {
+  for (const AddressInfo& a : addresses_) {
+    uint32_t mask = a.len == 0 ? 0 : htonl(~uint32_t{0} << (32 - a.len));
+    if ((a.addr & mask) == (addr & mask)) return true;
+  }
+  return false;
 }
 
 void KernelClient::OnNotification(const nlmsghdr* nlh) {
@@ -542,25 +728,9 @@ void KernelClient::OnNotification(const nlmsghdr* nlh) {
       OnLink(nlh);
       return;
     case RTM_NEWADDR:
-      if (!ParseAddressIndex(nlh)) return;
-      // A new subnet may make refused next hops reachable.
-      for (auto& [table, hop] : hops_)
-        if (hop.blocked && !hop.users.empty()) {
-          hop.blocked = false;
-          MarkHopDirty(table);
-        }
+    case RTM_DELADDR:
+      OnAddress(nlh);
       return;
-    case RTM_DELADDR: {
-      int index = ParseAddressIndex(nlh);
-      if (!index) return;
-      // The kernel drops routes through the lost subnet without telling; ask again.
-      for (auto& [table, hop] : hops_)
-        if (hop.route && hop.oif == index) {
-          hop.verify = true;
-          MarkHopDirty(table);
-        }
-      return;
-    }
     case RTM_DELROUTE: {
       auto info = ParseRoute(nlh);
       if (!info) return;
@@ -583,6 +753,12 @@ void KernelClient::OnNotification(const nlmsghdr* nlh) {
     case RTM_DELRULE: {
       auto rule = ParseRule(nlh);
       if (!rule) return;
+      if (*rule == LocalTrafficGuard() && guard_) {
+        KLOG(kInfo, "%s was removed; reinstalling", Describe(*rule).c_str());
+        guard_ = false;
+        guard_dirty_ = true;
+        ScheduleReconcile();
+      }
       for (auto* pool : {&leftover_rules_, &dumped_rules_}) {
         auto it = pool->find(*rule);
         if (it != pool->end()) pool->erase(it);
@@ -605,26 +781,57 @@ void KernelClient::OnNotification(const nlmsghdr* nlh) {
   }
 }
 
+void KernelClient::OnAddress(const nlmsghdr* nlh) {
+  auto address = ParseAddress(nlh);
+  if (!address) return;
+  bool added = nlh->nlmsg_type == RTM_NEWADDR;
+  for (auto* pool : {&addresses_, &dumped_addresses_}) {
+    pool->erase(std::remove(pool->begin(), pool->end(), *address), pool->end());
+    if (added) pool->push_back(*address);
+  }
+  for (auto& [table, hop] : hops_) {
+    if (hop.users.empty()) continue;
+    if (added && (hop.blocked || hop.want.gateway == address->addr)) {
+      // A new subnet may make a refused next hop reachable; a new local address may be one.
+      hop.blocked = false;
+      MarkHopDirty(table);
+    } else if (!added && hop.blocked && hop.want.gateway == address->addr) {
+      hop.blocked = false;  // no longer the router's own
+      MarkHopDirty(table);
+    } else if (!added && hop.route && hop.oif == address->index) {
+      // The kernel drops routes through the lost subnet without telling; ask again.
+      hop.verify = true;
+      MarkHopDirty(table);
+    }
+  }
+}
+
 void KernelClient::OnLink(const nlmsghdr* nlh) {
   auto link = ParseLink(nlh);
   if (!link) return;
   auto known = links_.find(link->index);
-  bool was = known != links_.end() && LinkUsable(known->second);
+  bool was = known != links_.end() && LinkUsable(known->second.flags);
+  std::string old_name = known != links_.end() ? known->second.name : "";
   bool now = false;
   if (nlh->nlmsg_type == RTM_DELLINK) {
     links_.erase(link->index);
     dumped_links_.erase(link->index);
   } else {
-    links_[link->index] = link->flags;
-    dumped_links_[link->index] = link->flags;
+    links_[link->index] = {link->flags, link->name};
+    dumped_links_[link->index] = {link->flags, link->name};
     now = LinkUsable(link->flags);
   }
-  if (phase_ != Phase::kReady || was == now) return;
+  if (phase_ != Phase::kReady) return;
+  // An ingress interface came or went: the rules that name it change status.
+  std::string new_name = nlh->nlmsg_type == RTM_DELLINK ? "" : link->name;
+  if (old_name != new_name) EvaluateAll();
+  if (was == now) return;
   KLOG(kInfo, "link %s (%d) is %s", link->name.c_str(), link->index, now ? "up" : "down");
   for (auto& [table, hop] : hops_) {
     if (!now && hop.route && hop.oif == link->index && !hop.blocked) {
       // Withdraw the route: traffic falls back to the main table instead of a dead link.
       hop.blocked = true;
+      hop.reason = kLinkDown;
       MarkHopDirty(table);
     } else if (now && hop.blocked && !hop.users.empty()) {
       hop.blocked = false;

@@ -16,6 +16,11 @@
 // - Status per rule: 1 installed with its next hop's link up, 2 refused by the kernel or next hop
 //   unusable (the next hop's route is then withdrawn so that its rules' traffic falls back to the
 //   main table, and reinstalled when links or addresses change), 0 once a deleted rule is gone.
+//   The reason behind each status goes to pbr::RuleReasons, which serves and logs it.
+// - The router's own traffic: while any rule is installed, LocalTrafficGuard keeps locally
+//   generated packets on the main table.
+// - Deletes are exact: a delete whose unset selectors would match another installed rule first
+//   is preceded by a make-before-break re-add of that rule, which puts it after the one to go.
 //
 // Threading: everything runs on the middleware loop's thread. SetEntry and DeleteEntry only
 // record the change; requests and status reports happen in later loop callbacks. The client owns
@@ -70,8 +75,16 @@ class KernelClient final : public PbrClient {
     std::vector<FibRule> rules;      // installed, sorted
     uint64_t serial = 0;             // order of `rules` among equal kernel priorities
     bool rules_failed = false;
+    bool replace = false;  // re-add even if installed as wanted (a delete would hit it)
     int in_flight = 0;
+    std::string refusal;  // the kernel's reason when rules_failed
     std::optional<uint32_t> reported;
+    std::string reported_reason;
+  };
+
+  struct Link {
+    unsigned flags = 0;
+    std::string name;
   };
 
   // One next hop's table, shared by the members that forward to it: the default route via the
@@ -85,6 +98,7 @@ class KernelClient final : public PbrClient {
     bool verify = false;                // re-send the route to learn whether it still stands
     bool echo_linkdown = false;         // the kernel's answer to our last route request
     int in_flight = 0;
+    std::string reason;  // why it is blocked
   };
 
   void Start();
@@ -113,7 +127,16 @@ class KernelClient final : public PbrClient {
   void Finished(uint16_t id);
   void HopFinished(uint32_t table);
   void Evaluate(uint16_t id);
+  void EvaluateAll();
+  void Report(uint16_t id, Member& m, uint32_t code, std::string reason);
   bool LinkUsableNow(int index) const;
+  bool LinkExists(const std::string& name) const;
+  bool IsLocalAddress(uint32_t addr) const;
+  bool OnConnectedSubnet(uint32_t addr) const;
+  void OnAddress(const nlmsghdr* nlh);
+  // Marks members whose installed rules a delete of `rule` would hit first; true if any.
+  bool MarkVictims(const FibRule& rule, const std::set<uint16_t>& leaving);
+  void SendGuard(bool add);
 
   void IndexClass(uint16_t id, const Member& m, bool add);
   // Moves member `id` between the user sets of next hops (before and after `want` changes).
@@ -136,6 +159,9 @@ class KernelClient final : public PbrClient {
   bool swept_ = false;
   bool reconcile_scheduled_ = false;
   int sync_error_ = 0;
+  std::string broken_reason_;
+  bool guard_ = false;        // LocalTrafficGuard is installed
+  bool guard_dirty_ = false;  // whether it should be is to be checked
 
   std::map<uint16_t, Member> members_;
   std::set<uint16_t> dirty_;
@@ -143,14 +169,16 @@ class KernelClient final : public PbrClient {
   std::set<uint32_t> dirty_hops_;
   // Members by kernel priority, in the order the kernel must hold them: (PBR priority, id).
   std::map<uint32_t, std::set<std::pair<uint32_t, uint16_t>>> classes_;
-  std::unordered_map<int, unsigned> links_;  // ifindex -> flags
+  std::unordered_map<int, Link> links_;  // by ifindex
+  std::vector<AddressInfo> addresses_;   // IPv4 addresses of every link
   uint64_t next_serial_ = 1;
 
   // Objects of our protocol found by a dump and not (yet) claimed by a member.
   std::multimap<FibRule, uint64_t> leftover_rules_;
   std::multimap<uint32_t, RouteInfo> leftover_routes_;  // by table
   // Dump results being collected.
-  std::unordered_map<int, unsigned> dumped_links_;
+  std::unordered_map<int, Link> dumped_links_;
+  std::vector<AddressInfo> dumped_addresses_;
   std::multimap<FibRule, uint64_t> dumped_rules_;
   std::multimap<uint32_t, RouteInfo> dumped_routes_;
 };

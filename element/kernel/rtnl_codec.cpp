@@ -93,6 +93,9 @@ nlmsghdr* PutDump(char* buf, uint16_t type) {
   if (type == RTM_GETLINK) {
     auto* ifm = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
     ifm->ifi_family = AF_UNSPEC;
+  } else if (type == RTM_GETADDR) {
+    auto* ifa = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
+    ifa->ifa_family = AF_INET;
   } else {
     // fib_rule_hdr and rtmsg both begin with the family byte.
     auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
@@ -106,7 +109,10 @@ std::optional<FibRule> ParseRule(const nlmsghdr* nlh) {
   const nlattr* tb[FRA_MAX + 1] = {};
   if (!Attributes(nlh, sizeof(fib_rule_hdr), tb)) return std::nullopt;
   const auto* frh = static_cast<const fib_rule_hdr*>(mnl_nlmsg_get_payload(nlh));
-  if (frh->family != AF_INET || frh->action != FR_ACT_TO_TBL || frh->tos || frh->flags)
+  // The kernel marks a rule whose ingress interface does not exist (yet) as detached; it is still
+  // ours to adopt or delete.
+  if (frh->family != AF_INET || frh->action != FR_ACT_TO_TBL || frh->tos ||
+      (frh->flags & ~uint32_t{FIB_RULE_IIF_DETACHED}))
     return std::nullopt;
   if (!tb[FRA_PROTOCOL] || mnl_attr_get_u8(tb[FRA_PROTOCOL]) != kRouteProtocol) return std::nullopt;
   // A selector this backend never sets means the rule is not one of its own.
@@ -145,7 +151,11 @@ std::optional<RouteInfo> ParseRoute(const nlmsghdr* nlh) {
   ReadU32(tb[RTA_TABLE], info.route.table);
   if (!ReadU32(tb[RTA_GATEWAY], info.route.gateway)) return std::nullopt;
   ReadU32(tb[RTA_PRIORITY], info.route.metric);
-  if (!IsNextHopRoute(info.route)) return std::nullopt;
+  // Any default route of ours outside the reserved tables, whatever layout installed it: an
+  // earlier one used a table per rule, and its routes are swept like any other leftover.
+  if (info.route.table == RT_TABLE_UNSPEC ||
+      (info.route.table >= RT_TABLE_COMPAT && info.route.table <= RT_TABLE_LOCAL))
+    return std::nullopt;
   uint32_t oif = 0;
   ReadU32(tb[RTA_OIF], oif);
   info.oif = static_cast<int>(oif);
@@ -165,11 +175,18 @@ std::optional<LinkInfo> ParseLink(const nlmsghdr* nlh) {
   return link;
 }
 
-int ParseAddressIndex(const nlmsghdr* nlh) {
-  if (nlh->nlmsg_type != RTM_NEWADDR && nlh->nlmsg_type != RTM_DELADDR) return 0;
-  if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(ifaddrmsg))) return 0;
+std::optional<AddressInfo> ParseAddress(const nlmsghdr* nlh) {
+  if (nlh->nlmsg_type != RTM_NEWADDR && nlh->nlmsg_type != RTM_DELADDR) return std::nullopt;
+  const nlattr* tb[IFA_MAX + 1] = {};
+  if (!Attributes(nlh, sizeof(ifaddrmsg), tb)) return std::nullopt;
   const auto* ifa = static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(nlh));
-  return ifa->ifa_family == AF_INET ? static_cast<int>(ifa->ifa_index) : 0;
+  if (ifa->ifa_family != AF_INET) return std::nullopt;
+  AddressInfo info;
+  info.index = static_cast<int>(ifa->ifa_index);
+  info.len = ifa->ifa_prefixlen;
+  if (!ReadU32(tb[IFA_LOCAL], info.addr) && !ReadU32(tb[IFA_ADDRESS], info.addr))
+    return std::nullopt;
+  return info;
 }
 
 bool LinkUsable(unsigned flags) {

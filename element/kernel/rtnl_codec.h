@@ -26,7 +26,7 @@ nlmsghdr* PutRuleDelete(char* buf, const FibRule& rule);
 // Creates or atomically replaces the table's default route; the kernel echoes the result.
 nlmsghdr* PutRouteReplace(char* buf, const DefaultRoute& route);
 nlmsghdr* PutRouteDelete(char* buf, const DefaultRoute& route);
-// A dump request for `type` (RTM_GETRULE, RTM_GETROUTE, RTM_GETLINK) of IPv4 objects.
+// A dump request for `type` (RTM_GETRULE, RTM_GETROUTE, RTM_GETLINK, RTM_GETADDR) of IPv4 objects.
 nlmsghdr* PutDump(char* buf, uint16_t type);
 
 std::optional<FibRule> ParseRule(const nlmsghdr* nlh);
@@ -45,8 +45,14 @@ struct LinkInfo {
 };
 std::optional<LinkInfo> ParseLink(const nlmsghdr* nlh);
 
-// The interface index of an RTM_NEWADDR or RTM_DELADDR message of an IPv4 address, or 0.
-int ParseAddressIndex(const nlmsghdr* nlh);
+// An IPv4 address of an RTM_NEWADDR or RTM_DELADDR message.
+struct AddressInfo {
+  int index = 0;
+  uint32_t addr = 0;  // network byte order
+  uint8_t len = 0;
+  bool operator==(const AddressInfo&) const = default;
+};
+std::optional<AddressInfo> ParseAddress(const nlmsghdr* nlh);
 
 // A link can carry traffic: administratively up and with carrier.
 bool LinkUsable(unsigned flags);

@@ -97,6 +97,20 @@ RuleLayout LayOut(uint16_t id, const Entry& entry, const InterfaceNames& names) 
   return layout;
 }
 
+FibRule LocalTrafficGuard() {
+  return FibRule{0, kMainTable, {}, {}, "lo"};
+}
+
+bool DeleteMatches(const FibRule& x, const FibRule& other) {
+  return x.priority == other.priority && x.table == other.table &&
+         (x.iif.empty() || x.iif == other.iif) && (x.src.len == 0 || x.src == other.src) &&
+         (x.dst.len == 0 || x.dst == other.dst);
+}
+
+int Specificity(const FibRule& rule) {
+  return (rule.iif.empty() ? 0 : 1) + (rule.src.len ? 1 : 0) + (rule.dst.len ? 1 : 0);
+}
+
 std::string AddressText(uint32_t addr) {
   char text[INET_ADDRSTRLEN] = {};
   in_addr a{addr};

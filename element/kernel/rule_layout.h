@@ -82,6 +82,19 @@ bool IsNextHopRoute(const DefaultRoute& route);
 // 0.0.0.0/8) gives a layout with `error` set and nothing to install.
 RuleLayout LayOut(uint16_t id, const Entry& entry, const InterfaceNames& names);
 
+// The rule that keeps the router's own traffic on the main table: PBR applies to traffic arriving
+// on its ports, and locally generated packets are looked up with ingress interface lo. Priority 0
+// puts it after the local table's rule and before every PBR rule.
+FibRule LocalTrafficGuard();
+
+// The kernel deletes the first rule that matches a delete request, and selectors the request
+// leaves unset (no ingress interface, a /0 prefix) match anything. True when a delete of `x`
+// would also match `other`.
+bool DeleteMatches(const FibRule& x, const FibRule& other);
+// How many selectors `rule` sets: deleting the more specific rules first keeps the deletes of
+// less specific ones from hitting them.
+int Specificity(const FibRule& rule);
+
 // "pref 11 from 10.1.0.0/16 iif eth0 lookup 167772674", for logs.
 std::string Describe(const FibRule& rule);
 std::string Describe(const DefaultRoute& route);

@@ -1,6 +1,7 @@
 #include "element/mgmt/operational.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "element/mgmt/json_text.h"
@@ -99,7 +100,17 @@ bool OperationalView::Add(const Value& key, const ObjectReply& reply, std::strin
     }
   }
   if (!ok) lyd_free_tree(entry);
+  last_ = ok ? entry : nullptr;
   return ok;
+}
+
+void OperationalView::AddRuleLeaf(lyd_node* entry, const char* leaf, const std::string& value) {
+  lyd_node* rule = nullptr;
+  for (lyd_node* child = lyd_child(entry); child; child = child->next) {
+    if (std::strcmp(child->schema->name, "rule") == 0) rule = child;
+  }
+  if (!rule && lyd_new_inner(entry, nullptr, "rule", 0, &rule) != LY_SUCCESS) return;
+  lyd_new_term(rule, nullptr, leaf, value.c_str(), 0, nullptr);
 }
 
 std::string OperationalView::Json() const {

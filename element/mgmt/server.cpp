@@ -38,6 +38,10 @@ struct CallpointBinding {
 };
 constexpr CallpointBinding kCallpoints[] = {{"show_pbr", "/router/pbr-status", "/router/pbr"}};
 
+// An element-owned callpoint: the PBR manager's status reasons, asked for the same keys and
+// merged into each entry's `rule` as `hw-reason`. The view is whole without it.
+constexpr const char* kReasonCallpoint = "pbr_hw_reason";
+
 // Get-object requests go out in chunks of this many keys, so that no message grows with the
 // configuration and other sessions are served in between.
 constexpr int kObjectsPerRequest = 4096;
@@ -83,6 +87,14 @@ struct Server::Impl {
     std::unique_ptr<OperationalView> view;
     int outstanding = 0;
     std::string errors;
+    std::vector<lyd_node*> entries;    // by key index; null when left out
+    std::vector<std::string> reasons;  // by key index
+    uint64_t reasonsProvider = 0;
+  };
+  struct ObjectsRequest {
+    uint64_t view;
+    int first;  // index of its first key
+    bool reasons;
   };
 
   struct ResolvedBinding {
@@ -108,8 +120,8 @@ struct Server::Impl {
   uint64_t seq = 0;
   std::map<uint64_t, PendingCommit> commits;  // by commit seq
   uint64_t nextObjectsRequest = 1;
-  std::map<uint64_t, PendingView> views;                         // by view id
-  std::map<uint64_t, std::pair<uint64_t, int>> objectsRequests;  // request -> view, first key
+  std::map<uint64_t, PendingView> views;               // by view id
+  std::map<uint64_t, ObjectsRequest> objectsRequests;  // by request
 
   ~Impl() {
     for (auto& [seqNo, pending] : commits) sd_event_source_unref(pending.timer);
@@ -357,7 +369,17 @@ void Server::Impl::Close(uint64_t sessionId) {
     RespondTo(view.session, view.request, &error);
     views.erase(viewId);
   }
-  std::erase_if(objectsRequests, [&](const auto& r) { return !views.count(r.second.first); });
+  std::erase_if(objectsRequests, [&](const auto& r) { return !views.count(r.second.view); });
+  // Views go on without the reasons of a provider that went away.
+  std::set<uint64_t> touched;
+  std::erase_if(objectsRequests, [&](const auto& r) {
+    PendingView& view = views.at(r.second.view);
+    if (!r.second.reasons || view.reasonsProvider != sessionId) return false;
+    --view.outstanding;
+    touched.insert(r.second.view);
+    return true;
+  });
+  for (uint64_t viewId : touched) FinishViewIfDone(viewId);
 }
 
 void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
@@ -428,7 +450,8 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
     subscriptions.push_back(std::move(resolved));
   }
   for (const std::string& name : attach.callpoint()) {
-    const bool known = std::any_of(bindings.begin(), bindings.end(),
+    const bool known = name == kReasonCallpoint ||
+                       std::any_of(bindings.begin(), bindings.end(),
                                    [&](const ResolvedBinding& b) { return b.callpoint == name; });
     const bool taken = std::any_of(sessions.begin(), sessions.end(), [&](const auto& s) {
       const auto& cps = s.second->callpoints;
@@ -560,16 +583,18 @@ void Server::Impl::HandleGetOperational(Session& session, uint64_t request,
                                         const GetOperational& get) {
   const ResolvedBinding& binding = bindings.front();
   Session* provider = nullptr;
+  Session* reasons = nullptr;
   for (auto& [id, s] : sessions) {
     const auto& cps = s->callpoints;
     if (std::find(cps.begin(), cps.end(), binding.callpoint) != cps.end()) provider = s.get();
+    if (std::find(cps.begin(), cps.end(), kReasonCallpoint) != cps.end()) reasons = s.get();
   }
   if (!provider) {
     CommitError error{"no daemon serves " + binding.callpoint, ""};
     Respond(session, request, &error);
     return;
   }
-  PendingView view{session.id, request, provider->id, {}, nullptr, 0, {}};
+  PendingView view{session.id, request, provider->id, {}, nullptr, 0, {}, {}, {}};
   for (const lyd_node* entry : store->Entries(binding.keysFrom)) {
     Value key;
     SetValue(lyd_child(entry), &key);
@@ -582,20 +607,29 @@ void Server::Impl::HandleGetOperational(Session& session, uint64_t request,
     return;
   }
   view.view = std::make_unique<OperationalView>(ctx.get(), binding.list);
+  view.entries.assign(view.keys.size(), nullptr);
+  view.reasons.resize(view.keys.size());
   const uint64_t viewId = nextObjectsRequest;
-  for (size_t first = 0; first < view.keys.size(); first += kObjectsPerRequest) {
-    const uint64_t requestId = nextObjectsRequest++;
-    ServerMessage message;
-    GetObjects* objects = message.mutable_get_objects();
-    objects->set_request(requestId);
-    objects->set_callpoint(binding.callpoint);
-    for (const KeypathElement& e : binding.listKeypath) *objects->add_list_keypath() = e;
-    const size_t last = std::min(view.keys.size(), first + kObjectsPerRequest);
-    for (size_t i = first; i < last; ++i) *objects->add_key() = view.keys[i];
-    objectsRequests[requestId] = {viewId, static_cast<int>(first)};
-    ++view.outstanding;
-    Send(*provider, message);
+  auto request_objects = [&](Session& to, const std::string& callpoint, bool forReasons) {
+    for (size_t first = 0; first < view.keys.size(); first += kObjectsPerRequest) {
+      const uint64_t requestId = nextObjectsRequest++;
+      ServerMessage message;
+      GetObjects* objects = message.mutable_get_objects();
+      objects->set_request(requestId);
+      objects->set_callpoint(callpoint);
+      for (const KeypathElement& e : binding.listKeypath) *objects->add_list_keypath() = e;
+      const size_t last = std::min(view.keys.size(), first + kObjectsPerRequest);
+      for (size_t i = first; i < last; ++i) *objects->add_key() = view.keys[i];
+      objectsRequests[requestId] = {viewId, static_cast<int>(first), forReasons};
+      ++view.outstanding;
+      Send(to, message);
+    }
+  };
+  if (reasons) {
+    view.reasonsProvider = reasons->id;
+    request_objects(*reasons, kReasonCallpoint, true);
   }
+  request_objects(*provider, binding.callpoint, false);
   if (view.outstanding == 0) ++nextObjectsRequest;
   views.emplace(viewId, std::move(view));
   FinishViewIfDone(viewId);
@@ -604,16 +638,33 @@ void Server::Impl::HandleGetOperational(Session& session, uint64_t request,
 void Server::Impl::HandleDataReply(Session& session, const DataReply& reply) {
   auto it = objectsRequests.find(reply.request());
   if (it == objectsRequests.end()) return;
-  const auto [viewId, first] = it->second;
+  const ObjectsRequest objects = it->second;
   objectsRequests.erase(it);
-  PendingView& view = views.at(viewId);
+  PendingView& view = views.at(objects.view);
+  const uint64_t viewId = objects.view;
+  const int first = objects.first;
+  if (objects.reasons) {
+    if (view.reasonsProvider != session.id) return;
+    // A reason is one value; an entry without one (or a malformed answer) simply has none.
+    for (int i = 0; i < reply.object_size(); ++i) {
+      const size_t k = static_cast<size_t>(first + i);
+      if (k < view.reasons.size() && reply.object(i).value_size() > 0)
+        view.reasons[k] = reply.object(i).value(0).value().text();
+    }
+    --view.outstanding;
+    FinishViewIfDone(viewId);
+    return;
+  }
   if (view.provider != session.id) return;
   for (int i = 0; i < reply.object_size(); ++i) {
     const size_t k = static_cast<size_t>(first + i);
     if (k >= view.keys.size()) break;
     const ObjectReply& object = reply.object(i);
     std::string why = object.error();
-    if (object.replied() && view.view->Add(view.keys[k], object, &why)) continue;
+    if (object.replied() && view.view->Add(view.keys[k], object, &why)) {
+      view.entries[k] = view.view->LastAdded();
+      continue;
+    }
     if (why.empty()) why = "no reply";
     view.errors += (view.errors.empty() ? "" : "; ") + view.keys[k].text() + ": " + why;
   }
@@ -625,6 +676,10 @@ void Server::Impl::FinishViewIfDone(uint64_t viewId) {
   auto it = views.find(viewId);
   if (it == views.end() || it->second.outstanding > 0) return;
   PendingView& view = it->second;
+  for (size_t k = 0; k < view.entries.size(); ++k) {
+    if (view.entries[k] && !view.reasons[k].empty())
+      view.view->AddRuleLeaf(view.entries[k], "hw-reason", view.reasons[k]);
+  }
   if (view.errors.empty()) {
     RespondTo(view.session, view.request, nullptr, view.view->Json());
   } else {

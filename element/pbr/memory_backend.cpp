@@ -7,6 +7,7 @@
 #include "element/middleware/loop.h"
 #include "element/pbr/atomic_file.h"
 #include "element/pbr/intf_names.h"
+#include "element/pbr/rule_reasons.h"
 #include "element/pbr/rule_status.h"
 #include "platform/zlog.h"
 
@@ -21,13 +22,17 @@ MemoryBackend::MemoryBackend(vqmw_t* mw, zlog_category_t* category, std::string 
       category_(category),
       state_path_(std::move(state_path)),
       self_(std::make_shared<MemoryBackend*>(this)) {
+  RuleReasons::Instance().Bind(mw_);
   WriteState();
 }
 
-MemoryBackend::~MemoryBackend() = default;
+MemoryBackend::~MemoryBackend() {
+  RuleReasons::Instance().Bind(nullptr);
+}
 
 Error MemoryBackend::SetEntry(const uint16_t& id, const Entry& entry) {
   uint32_t status = kRuleProgrammed;
+  std::string reason;
   std::vector<std::string> ingress;
   MatchIngressPorts ports({});
   if (entry.getMatch(ports) == PBR_OK) {
@@ -40,12 +45,13 @@ Error MemoryBackend::SetEntry(const uint16_t& id, const Entry& entry) {
                             port.value);
         ingress.push_back("limid:" + std::to_string(port.value));
         status = kRuleFailed;
+        reason = "unknown ingress interface id " + std::to_string(port.value);
       }
     }
   }
   rules_.insert_or_assign(id, ShownRule::Of(entry, status, std::move(ingress)));
   PBR_TRACE(category_, "memory backend: rule %u set, status %u", id, status);
-  Report(id, status);
+  Report(id, status, std::move(reason));
   return PBR_OK;
 }
 
@@ -53,7 +59,7 @@ Error MemoryBackend::DeleteEntry(const uint16_t& id) {
   // Deleting an absent rule is not an error: the outcome, "not programmed", is the same.
   bool existed = rules_.erase(id) > 0;
   PBR_TRACE(category_, "memory backend: rule %u deleted%s", id, existed ? "" : " (was absent)");
-  Report(id, kRuleNotProgrammed);
+  Report(id, kRuleNotProgrammed, {});
   return PBR_OK;
 }
 
@@ -62,8 +68,8 @@ Error MemoryBackend::RegisterStatusListener(PbrStatusItf* listener) {
   return PBR_OK;
 }
 
-void MemoryBackend::Report(uint16_t id, uint32_t status) {
-  reports_.emplace_back(id, status);
+void MemoryBackend::Report(uint16_t id, uint32_t status, std::string reason) {
+  reports_.push_back({id, status, std::move(reason)});
   state_dirty_ = true;
   ScheduleFlush();
 }
@@ -93,10 +99,11 @@ void MemoryBackend::Flush() {
     const auto end = std::chrono::steady_clock::now();
     next_write_ = end + (end - start) * kRestPerWrite;
   }
-  std::vector<std::pair<uint16_t, uint32_t>> reports;
+  std::vector<Pending> reports;
   reports.swap(reports_);
-  for (const auto& [id, status] : reports) {
-    if (listener_ != nullptr) listener_->StatusUpdateCb(id, status);
+  for (const Pending& r : reports) {
+    RuleReasons::Instance().Report(r.id, r.status, r.reason);
+    if (listener_ != nullptr) listener_->StatusUpdateCb(r.id, r.status);
   }
 }
 

@@ -37,7 +37,13 @@ class MemoryBackend final : public PbrClient {
   Error RegisterStatusListener(PbrStatusItf* listener) override;
 
  private:
-  void Report(uint16_t id, uint32_t status);
+  // A status report, with its reason (empty unless failed), as delivered after the rewrite.
+  struct Pending {
+    uint16_t id;
+    uint32_t status;
+    std::string reason;
+  };
+  void Report(uint16_t id, uint32_t status, std::string reason);
   void ScheduleFlush();
   void Flush();
   void WriteState();
@@ -47,7 +53,7 @@ class MemoryBackend final : public PbrClient {
   std::string state_path_;
   std::map<uint16_t, ShownRule> rules_;  // what the state file shows, by id
   PbrStatusItf* listener_ = nullptr;
-  std::vector<std::pair<uint16_t, uint32_t>> reports_;  // in the order of the calls
+  std::vector<Pending> reports_;  // in the order of the calls
   bool state_dirty_ = false;
   bool flush_scheduled_ = false;
   static constexpr int kRestPerWrite = 4;

@@ -1,5 +1,6 @@
-// Build-time check: every data node of the PBR module has a tag in common/pbr_tags.def, and
-// every entry of that table names a node of the module. Exits 1 with the differences otherwise.
+// Build-time check: every data node of the PBR module has a tag in common/pbr_tags.def (or
+// element/yang/element_tags.def for element-owned nodes), and every entry of those tables names a
+// node of the module. Exits 1 with the differences otherwise.
 #include <cstdio>
 #include <set>
 #include <string>
@@ -33,7 +34,8 @@ int main() {
   int faults = 0;
   for (const std::string& name : names) {
     if (!pbr::yang::TagOfName(name)) {
-      std::fprintf(stderr, "pbr.yang: node \"%s\" has no tag in common/pbr_tags.def\n",
+      std::fprintf(stderr,
+                   "pbr.yang: node \"%s\" has no tag in common/pbr_tags.def or element_tags.def\n",
                    name.c_str());
       ++faults;
     }
@@ -41,12 +43,12 @@ int main() {
   std::set<uint32_t> tags;
   for (const pbr::yang::TagEntry& e : pbr::yang::TagTable()) {
     if (!names.count(std::string(e.name))) {
-      std::fprintf(stderr, "common/pbr_tags.def: \"%.*s\" names no node of pbr.yang\n",
+      std::fprintf(stderr, "tag table: \"%.*s\" names no node of pbr.yang\n",
                    static_cast<int>(e.name.size()), e.name.data());
       ++faults;
     }
     if (!tags.insert(e.tag).second) {
-      std::fprintf(stderr, "common/pbr_tags.def: tag 0x%08x of \"%.*s\" is used twice\n", e.tag,
+      std::fprintf(stderr, "tag table: tag 0x%08x of \"%.*s\" is used twice\n", e.tag,
                    static_cast<int>(e.name.size()), e.name.data());
       ++faults;
     }

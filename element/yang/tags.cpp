@@ -8,6 +8,7 @@ namespace {
 constexpr std::array kTable = {
 #define PBR_TAG(constant, node, value) TagEntry{node, value},
 #include "common/pbr_tags.def"
+#include "element/yang/element_tags.def"
 #undef PBR_TAG
 };
 

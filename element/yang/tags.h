@@ -1,4 +1,5 @@
-// XML tags of the module's nodes, from common/pbr_tags.def: the numbers ConfD's keypaths and
+// XML tags of the module's nodes, from common/pbr_tags.def and, for the nodes only the element
+// fills, element/yang/element_tags.def: the numbers ConfD's keypaths and
 // tagged values carry. A tag belongs to a node name; nodes of the same name share it.
 #pragma once
 

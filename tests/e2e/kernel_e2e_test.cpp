@@ -76,21 +76,24 @@ class KernelE2e : public ::testing::Test {
   std::string AppLog() const { return (env_.root() / "pbr-app.log").string(); }
 
   // pbr-app in namespace r, with the test's element environment, once it has attached and
-  // applied the configuration (its READY=1).
-  void StartApp() {
+  // applied the configuration (its READY=1); optionally without CAP_NET_ADMIN.
+  void StartApp(bool net_admin = true) {
     std::string error;
-    app_ = pbrtest::StartService({"ip", "netns", "exec", bed_->Ns("r"), PBR_APP_BIN},
-                                 (env_.root() / "notify-app").string(), &error);
+    std::vector<std::string> argv{"ip", "netns", "exec", bed_->Ns("r")};
+    if (!net_admin)
+      argv.insert(argv.end(), {"setpriv", "--bounding-set", "-net_admin", "--"});
+    argv.push_back(PBR_APP_BIN);
+    app_ = pbrtest::StartService(argv, (env_.root() / "notify-app").string(), &error);
     ASSERT_TRUE(app_) << "pbr-app did not attach: " << error;
   }
 
   // Stops pbr-app as its service manager would and starts it again.
-  void RestartApp() {
+  void RestartApp(bool net_admin = true) {
     app_->Signal(SIGTERM);
     const ChildResult end = app_->Finish(10s);
     app_.reset();
     ASSERT_EQ(end.status, 0) << end.out << end.err;
-    StartApp();
+    StartApp(net_admin);
   }
 
   ChildResult Cli(std::vector<std::string> args) {
@@ -103,17 +106,19 @@ class KernelE2e : public ::testing::Test {
     ASSERT_EQ(r.status, 0) << r.out << r.err;
   }
 
-  // Rule `id`'s hw-status as `show pbr ID --json` gives it; "" when the view has no answer.
-  std::string HwStatus(uint32_t id) {
+  // A leaf of rule `id`'s `rule` as `show pbr ID --json` gives it; "" when absent.
+  std::string RuleLeaf(uint32_t id, const std::string& leaf) {
     const ChildResult r = Cli({"show", "pbr", std::to_string(id), "--json"});
     if (r.status != 0) return "";
     auto json = nlohmann::json::parse(r.out, nullptr, false);
     try {
-      return json.at("pbr:router").at("pbr-status").at(0).at("rule").value("hw-status", "");
+      return json.at("pbr:router").at("pbr-status").at(0).at("rule").value(leaf, "");
     } catch (const nlohmann::json::exception&) {
       return "";
     }
   }
+  std::string HwStatus(uint32_t id) { return RuleLeaf(id, "hw-status"); }
+  std::string HwReason(uint32_t id) { return RuleLeaf(id, "hw-reason"); }
 
   // Polls until `done` holds, at most `limit`. The view has no change events to wait for.
   static bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = 15s) {
@@ -158,8 +163,9 @@ TEST_F(KernelE2e, CommittedRulesSteerTrafficSurviveARestartOfTheDaemonAndShowFai
           "/router/pbr{9}/rule/match/destination/ipv4-address/no-mask/ip", "10.9.9.8"});
   for (uint32_t id : {7, 8, 9}) ASSERT_TRUE(AwaitHwStatus(id, "programmed")) << id;
   EXPECT_EQ(bed_->PingPath(), "rb2");
+  EXPECT_EQ(HwReason(7), "");
   const nlohmann::json before = KernelObjects();
-  ASSERT_EQ(before["rules"].size(), 3u) << before.dump();
+  ASSERT_EQ(before["rules"].size(), 4u) << before.dump();  // with the local traffic guard
   ASSERT_EQ(before["routes"].size(), 2u) << before.dump();
 
   // A restart loses no packets and leaves the kernel's objects as they were.
@@ -175,6 +181,7 @@ TEST_F(KernelE2e, CommittedRulesSteerTrafficSurviveARestartOfTheDaemonAndShowFai
 
   ASSERT_EQ(bed_->Ip("b2", "link set b2r down"), 0);
   ASSERT_TRUE(AwaitHwStatus(7, "failed")) << HwStatus(7);
+  EXPECT_EQ(HwReason(7), "next-hop link down");
   EXPECT_EQ(bed_->PingPath(), "rb1") << "traffic should fall back to the main table";
 
   // Deletion takes the rules and their routes away.
@@ -184,6 +191,23 @@ TEST_F(KernelE2e, CommittedRulesSteerTrafficSurviveARestartOfTheDaemonAndShowFai
     const nlohmann::json now = KernelObjects();
     return now["rules"].empty() && now["routes"].empty();
   })) << KernelObjects().dump();
+}
+
+TEST_F(KernelE2e, FailureReasonsReachTheOperatorAndTheLog) {
+  // A gateway the kernel refuses: the subnet's broadcast address.
+  Commit(Rule7("10.0.2.255"));
+  ASSERT_TRUE(AwaitHwStatus(7, "failed")) << HwStatus(7);
+  EXPECT_EQ(HwReason(7), "Nexthop has invalid gateway");
+
+  // Without CAP_NET_ADMIN every new request is refused, and the log says why.
+  RestartApp(false);
+  Commit({"set", "/router/pbr{9}/rule/priority", "30", "--", "set",
+          "/router/pbr{9}/rule/match/destination/ipv4-address/no-mask/ip", "10.9.9.8"});
+  ASSERT_TRUE(AwaitHwStatus(9, "failed")) << HwStatus(9);
+  EXPECT_EQ(HwReason(9), "not permitted: needs CAP_NET_ADMIN");
+  EXPECT_NE(
+      pbrtest::ElementEnv::Read(AppLog()).find("rule 9 failed: not permitted: needs CAP_NET_ADMIN"),
+      std::string::npos);
 }
 
 }  // namespace

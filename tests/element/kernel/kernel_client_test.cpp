@@ -2,6 +2,8 @@
 // real pings, and the kernel's rules and routes are read back with `ip -j`.
 #include "element/kernel/kernel_client.h"
 
+#include "element/pbr/rule_reasons.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -24,9 +26,11 @@ using namespace std::chrono_literals;
 using pbrtest::EntryBuilder;
 using pbrtest::TestBed;
 
-// Interface ids of the test: 1 ra, 2 rb1, 3 rb2; others unknown.
+// Interface ids of the test: 1 ra, 2 rb1, 3 rb2, 5 eth5 (absent until a test makes it); others
+// unknown.
 std::optional<std::string> Names(limid_t id) {
-  static const std::map<uint32_t, std::string> names = {{1, "ra"}, {2, "rb1"}, {3, "rb2"}};
+  static const std::map<uint32_t, std::string> names = {
+      {1, "ra"}, {2, "rb1"}, {3, "rb2"}, {5, "eth5"}};
   auto it = names.find(id.value);
   if (it == names.end()) return std::nullopt;
   return it->second;
@@ -97,15 +101,19 @@ class KernelClientTest : public ::testing::Test, public PbrStatusItf {
     return RunUntil([&] { return Status(id) == status; });
   }
 
+  static std::string Reason(uint16_t id) { return std::string(RuleReasons::Instance().Reason(id)); }
+
   uint32_t Status(uint16_t id) const {
     auto it = statuses_.find(id);
     return it == statuses_.end() || it->second.empty() ? kNoReport : it->second.back();
   }
 
-  // Our rules as `ip rule` prints them, in list order: "11 from 10.1.0.0/16 iif ra lookup T".
-  std::vector<std::string> RuleTexts() {
+  // Our rules as `ip rule` prints them, in list order: "11 from 10.1.0.0/16 iif ra lookup T";
+  // without the local traffic guard unless asked.
+  std::vector<std::string> RuleTexts(bool guard = false) {
     std::vector<std::string> out;
     for (auto& r : bed_->Rules(kRouteProtocol)) {
+      if (!guard && r["priority"] == 0) continue;
       std::string text = std::to_string(r["priority"].get<int>());
       if (r.contains("src") && r["src"] != "all") {
         text += " from " + r["src"].get<std::string>();
@@ -242,11 +250,85 @@ TEST_F(KernelClientTest, LeftoversGoAfterTheGracePeriodWithoutConfigurationForei
                         std::to_string(MetricOf(pbrtest::Ip("10.0.2.2").s_addr)) + " proto 77"),
       0);
   ASSERT_EQ(bed_->Ip("r", "route add 10.5.0.0/16 via 10.0.2.2" + table + " proto static"), 0);
+  // A rule and route of the earlier layout, a table per rule.
+  ASSERT_EQ(bed_->Ip("r", "rule add pref 11 from 10.1.0.0/16 table 1000007 proto 77"), 0);
+  ASSERT_EQ(bed_->Ip("r", "route add default via 10.0.2.2 table 1000007 metric 7 proto 77"), 0);
   Start(200ms);
   ASSERT_TRUE(
       RunUntil([&] { return RuleTexts().empty() && Gateways("10.0.2.2").empty(); }, 5s, 50ms));
   EXPECT_EQ(bed_->IpJson("r", "rule show pref 11").size(), 1u) << "the foreign rule is gone";
   EXPECT_EQ(bed_->Routes(Table("10.0.2.2")).size(), 1u) << "the foreign route is gone";
+  EXPECT_TRUE(RunUntil([&] { return bed_->Routes(1000007).empty(); }, 5s, 50ms))
+      << "the earlier layout's route stays";
+}
+
+TEST_F(KernelClientTest, RulesOnAnAbsentInterfaceAreAdoptedSweptAndActivateWhenItAppears) {
+  auto on_eth5 = [](uint16_t id) {
+    return EntryBuilder(id).Priority(id + 3).From("10.1.0.0/16").Iif(5).Via("10.0.2.2").Build();
+  };
+  KernelClient& first = Start();
+  first.SetEntry(7, on_eth5(7));
+  first.SetEntry(8, on_eth5(8));
+  ASSERT_TRUE(AwaitStatus(7, 2));
+  EXPECT_EQ(Reason(7), "ingress interface absent: eth5");
+  ASSERT_EQ(RuleTexts().size(), 2u);
+
+  // Restarted with rule 7 only: 7 is adopted, not duplicated; 8 is swept.
+  KernelClient& second = Start();
+  second.SetEntry(7, on_eth5(7));
+  ASSERT_TRUE(RunUntil([&] { return second.Settled() && RuleTexts().size() == 1; }));
+  EXPECT_EQ(RuleTexts(),
+            std::vector<std::string>{"11 from 10.1.0.0/16 iif eth5" + Lookup("10.0.2.2")});
+
+  ASSERT_EQ(bed_->Ip("r", "link add eth5 type veth peer name eth5p"), 0);
+  ASSERT_EQ(bed_->Ip("r", "link set eth5 up"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(Reason(7), "");
+  ASSERT_EQ(bed_->Ip("r", "link del eth5"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 2));
+  second.DeleteEntry(7);
+  ASSERT_TRUE(AwaitStatus(7, 0));
+  EXPECT_TRUE(RuleTexts(true).empty());
+}
+
+TEST_F(KernelClientTest, TheRoutersOwnTrafficStaysOnTheMainTable) {
+  KernelClient& client = Start();
+  client.SetEntry(7, EntryBuilder(7).Priority(10).To("10.9.9.9").Via("10.0.2.2").Build());
+  ASSERT_TRUE(AwaitStatus(7, 1));
+  EXPECT_EQ(bed_->PingPath(), "rb2") << "forwarded traffic follows the rule";
+  auto local = bed_->IpJson("r", "route get 10.9.9.9");
+  ASSERT_EQ(local.size(), 1u);
+  EXPECT_EQ(local[0]["dev"], "rb1") << "the router's own traffic follows the rule";
+  client.DeleteEntry(7);
+  ASSERT_TRUE(AwaitStatus(7, 0));
+  ASSERT_TRUE(Settle());
+  EXPECT_TRUE(RuleTexts(true).empty()) << "the guard stays without rules";
+}
+
+TEST_F(KernelClientTest, ANextHopThatIsTheRoutersOwnAddressFails) {
+  KernelClient& client = Start();
+  client.SetEntry(7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Via("10.0.2.1").Build());
+  ASSERT_TRUE(AwaitStatus(7, 2));
+  EXPECT_EQ(Reason(7), "next hop is a local address");
+  EXPECT_TRUE(Gateways("10.0.2.1").empty());
+  EXPECT_EQ(bed_->PingPath(), "rb1");
+  // Once the address moves away, the next hop is b2's.
+  ASSERT_EQ(bed_->Ip("r", "addr del 10.0.2.1/24 dev rb2"), 0);
+  ASSERT_EQ(bed_->Ip("r", "addr add 10.0.2.3/24 dev rb2"), 0);
+  ASSERT_EQ(bed_->Ip("b2", "addr add 10.0.2.1/24 dev b2r"), 0);
+  ASSERT_TRUE(AwaitStatus(7, 1));
+}
+
+TEST_F(KernelClientTest, DeletingARuleWithoutIngressInterfaceLeavesAnEqualOneWithIt) {
+  KernelClient& client = Start();
+  client.SetEntry(3, EntryBuilder(3).Priority(5).To("10.9.9.9").Iif(1).Build());
+  client.SetEntry(4, EntryBuilder(4).Priority(5).To("10.9.9.9").Build());
+  ASSERT_TRUE(Settle());
+  client.DeleteEntry(4);
+  ASSERT_TRUE(AwaitStatus(4, 0));
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(RuleTexts(), std::vector<std::string>{"6 to 10.9.9.9 iif ra lookup main"});
+  EXPECT_EQ(Status(3), 1u);
 }
 
 TEST_F(KernelClientTest, EqualPrioritiesAreOrderedByIdWhateverTheArrivalOrder) {
@@ -328,6 +410,7 @@ TEST_F(KernelClientTest, UnreachableNextHopFailsUntilItsSubnetAppears) {
   KernelClient& client = Start();
   client.SetEntry(7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Via("10.0.3.2").Build());
   ASSERT_TRUE(AwaitStatus(7, 2));
+  EXPECT_EQ(Reason(7), "next hop has no address on a connected subnet");
   EXPECT_TRUE(Gateways("10.0.3.2").empty());
   EXPECT_EQ(RuleTexts().size(), 1u) << "the rule stays; its empty table falls through to main";
   EXPECT_EQ(bed_->PingPath(), "rb1");

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "element/middleware/loop.h"
+#include "element/pbr/rule_reasons.h"
 #include "platform/pbr_client.h"
 #include "tests/element/middleware/element_env.h"
 #include "tests/support/entry_builder.h"
@@ -102,6 +103,7 @@ TEST_F(MemoryBackendTest, RuleWithAnUnknownInterfaceIdFails) {
   EXPECT_EQ(State()["rules"][0]["status"], 2);
   EXPECT_EQ(State()["rules"][0]["match"]["ingress-interfaces"][0], "limid:4294967295");
   EXPECT_NE(env_.Log().find("rule 5: unknown ingress interface id 0xffffffff"), std::string::npos);
+  EXPECT_EQ(pbr::RuleReasons::Instance().Reason(5), "unknown ingress interface id 4294967295");
 }
 
 TEST_F(MemoryBackendTest, ReportsGoToTheListenerOfTheMomentOrNowhere) {
@@ -161,6 +163,15 @@ TEST_F(MemoryBackendTest, BurstOfAllRuleIdsIsShownWithOneRewrite) {
   close(watch);
   // Generous for sanitizer builds on a shared machine; a rewrite per rule takes minutes.
   EXPECT_LT(elapsed, 30s);
+
+  // The log has a line per status change up to its budget, then a summary when the second ends.
+  bool running = true;
+  vqmw_loop_while_timeout(mw_, &running, 1500);
+  const std::string log = env_.Log();
+  size_t lines = 0;
+  for (size_t at = 0; (at = log.find("pbr-manager: rule ", at)) != std::string::npos; ++at) ++lines;
+  EXPECT_LE(lines, static_cast<size_t>(pbr::RuleReasons::kLinesPerWindow));
+  EXPECT_NE(log.find("more rule changes not logged one by one: programmed"), std::string::npos);
 }
 
 }  // namespace
