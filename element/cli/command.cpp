@@ -7,6 +7,7 @@ namespace {
 
 constexpr std::string_view kUsage =
     R"(Usage: pbr-cli [--timeout SECONDS] [COMMAND]
+       pbr-cli --version
 
 Commands (each one commit; without a command pbr-cli reads commands interactively):
   show running [--json]                 the running configuration, as a tree or as JSON

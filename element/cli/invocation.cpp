@@ -29,6 +29,16 @@ Invocation ParseInvocation(const std::vector<std::string>& args) {
     if (invocation.timeout.count() == 0) invocation.timeout = std::chrono::milliseconds(1);
   }
   if (i == args.size()) return invocation;
+  if (args[i] == "--version" || args[i] == "-V") {
+    invocation.version = i + 1 == args.size();
+    if (!invocation.version) invocation.error = args[i] + " takes no command";
+    return invocation;
+  }
+  // Commands are words; --help and -h are the one option-like command.
+  if (args[i].starts_with('-') && args[i] != "--help" && args[i] != "-h") {
+    invocation.error = "unrecognized option '" + args[i] + "'";
+    return invocation;
+  }
   const std::vector<std::string> words(args.begin() + static_cast<long>(i), args.end());
   ParseResult parsed = Parse(words, Context::kOneShot);
   if (!parsed.command) {

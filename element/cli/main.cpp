@@ -9,6 +9,7 @@
 #include "element/cli/invocation.h"
 #include "element/cli/session.h"
 #include "element/cli/shell.h"
+#include "element/service/command_line.h"
 
 int main(int argc, char** argv) {
   using namespace pbr::cli;
@@ -16,8 +17,16 @@ int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   const Invocation invocation = ParseInvocation(args);
   if (!invocation.error.empty()) {
-    std::cerr << "error: " << invocation.error << "\n" << UsageText();
+    // As GNU programs do: the reason, the usage lines, and where the rest is.
+    const std::string_view usage = UsageText();
+    std::cerr << "error: " << invocation.error << "\n"
+              << usage.substr(0, usage.find("\n\n") + 1)
+              << "Try 'pbr-cli --help' for more information.\n";
     return kExitUsage;
+  }
+  if (invocation.version) {
+    std::cout << pbr::service::VersionText("pbr-cli") << std::flush;
+    return kExitOk;
   }
   Session session({DefaultSocketPath(), invocation.timeout}, std::cout, std::cerr);
   if (!invocation.command) {

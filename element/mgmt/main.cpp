@@ -5,12 +5,45 @@
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 
+#include <iostream>
+#include <string>
+#include <vector>
+
 #include "element/mgmt/running_file.h"
 #include "element/mgmt/server.h"
 #include "element/middleware/log.h"
 #include "element/middleware/loop.h"
+#include "element/service/command_line.h"
 
-int main() {
+namespace {
+
+constexpr std::string_view kHelp =
+    R"(Usage: pbr-mgmtd [--help] [--version]
+The element's management server: keeps the running configuration (YANG module pbr), commits
+the changes of pbr-cli and other clients to it, delivers each commit to the daemons that
+subscribe to it and serves their operational data. Listens on $PBR_ELEMENT_RUNTIME_DIR/mgmt.sock
+and runs until SIGTERM or SIGINT; tells a service manager when it is ready (sd_notify).
+
+  -h, --help       display this help and exit
+  -V, --version    output version information and exit
+
+Environment:
+  PBR_ELEMENT_RUNTIME_DIR  mgmt.sock and mgmt.lock (/run/pbr-element)
+  PBR_ELEMENT_STATE_DIR    running.json and its commit journal (/var/lib/pbr-element)
+  PBR_ELEMENT_LOG          log file, or stderr (stderr)
+
+Exit status: 0 stopped by a signal; 1 cannot start (another server runs, the stored
+configuration is invalid, the socket cannot be made); 2 invalid arguments.
+)";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (auto status =
+          pbr::service::HandleDaemonArguments("pbr-mgmtd", kHelp, args, std::cout, std::cerr)) {
+    return *status;
+  }
   pbr::mgmt::ServerOptions options;
   options.runtimeDir = vqmw::RuntimeDir();
   options.stateDir = pbr::mgmt::StateDir();

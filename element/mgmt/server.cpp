@@ -114,6 +114,7 @@ struct Server::Impl {
   std::vector<ResolvedBinding> bindings;
   int lockFd = -1;
   int listenFd = -1;
+  std::string socketPath;  // set once bound: removed on exit, while the lock is still held
   sd_event_source* listenSource = nullptr;
   uint64_t nextSession = 1;
   std::map<uint64_t, std::unique_ptr<Session>> sessions;
@@ -132,6 +133,9 @@ struct Server::Impl {
     sd_event_source_unref(compaction);
     sd_event_source_unref(listenSource);
     if (listenFd >= 0) ::close(listenFd);
+    // A socket left behind would refuse the connections of clients that start before the next
+    // server listens.
+    if (!socketPath.empty()) ::unlink(socketPath.c_str());
     if (lockFd >= 0) ::close(lockFd);
   }
 
@@ -218,8 +222,8 @@ bool Server::Impl::Listen(std::string* error) {
     return false;
   }
   ::unlink(path.c_str());  // left by a server that ended; the lock shows none runs now
-  if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::chmod(path.c_str(), 0660) != 0 || ::listen(listenFd, 64) != 0) {
+  if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) socketPath = path;
+  if (socketPath.empty() || ::chmod(path.c_str(), 0660) != 0 || ::listen(listenFd, 64) != 0) {
     *error = Errno("cannot listen on " + path);
     return false;
   }
