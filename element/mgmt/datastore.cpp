@@ -549,8 +549,8 @@ std::string Datastore::AttachMessage(uint64_t seq, size_t headroom) const {
   return SnapshotWriter(running_, index_).AttachMessage(seq, headroom);
 }
 
-std::string Datastore::RunningJson() const {
-  return PrintJson(running_);
+std::string Datastore::RunningJson(bool compact) const {
+  return PrintJson(running_, compact);
 }
 
 }  // namespace pbr::mgmt

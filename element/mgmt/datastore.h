@@ -99,8 +99,8 @@ class Datastore {
   // The running configuration as the ServerMessage (encoded) of an AttachReply with sequence
   // number `seq`, lists in key order, after `headroom` bytes left for the caller.
   std::string AttachMessage(uint64_t seq, size_t headroom = 0) const;
-  // The running configuration as RFC 7951 JSON.
-  std::string RunningJson() const;
+  // The running configuration as RFC 7951 JSON; `compact`: without indentation and newlines.
+  std::string RunningJson(bool compact = false) const;
 
   // The running entries of a list directly below a top-level container, in key order.
   std::vector<const lyd_node*> Entries(const lysc_node* list) const;

@@ -726,7 +726,7 @@ CommitRecord Server::Impl::RecordOf(const Candidate& candidate, const CommitInfo
     ++(entry ? counts->changed : counts->deleted);
     if (!candidate.whole) CopyEntry(&before.tree, old);
   });
-  record.set_before_json(candidate.whole ? store->RunningJson() : PrintJson(before.tree, true));
+  record.set_before_json(candidate.whole ? store->RunningJson(true) : PrintJson(before.tree, true));
   return record;
 }
 
