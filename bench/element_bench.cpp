@@ -8,6 +8,8 @@
 //                    record), with load_ms the handlers' share (reading the snapshot, SetEntry)
 //   commit_ms        a one-rule commit, from the CLI command to the daemon's acknowledgement
 //   commit_server_ms the same with no daemon attached (median of 5 each)
+//   session_commit_ms the same through the shell: its candidate edit and commit (median of 5)
+//   rollback_ms      `pbr-cli rollback` of the bulk commit, through to the daemon's acknowledgement
 //   show_ms          the whole operational view through `pbr-cli show pbr`
 //   mgmtd_peak_mib   the server's peak resident memory; app_rss_mib pbr-app's after the attach
 // The manual time of each run is attach_ms.
@@ -40,10 +42,12 @@ double Ms(Clock::duration d) {
   return std::chrono::duration<double, std::milli>(d).count();
 }
 
-// Starts argv with stdout and stderr to `output` (appended).
-pid_t Spawn(const std::vector<std::string>& argv, const std::string& output) {
+// Starts argv with stdout and stderr to `output` (appended), stdin from `input` when given.
+pid_t Spawn(const std::vector<std::string>& argv, const std::string& output,
+            const std::string& input = {}) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  if (!input.empty()) posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_APPEND,
                                    0644);
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
@@ -161,10 +165,10 @@ class Element {
   }
   void StopApp() { Stop(app_); }
   // Runs pbr-cli; its wall time in ms, or negative when it failed.
-  double Cli(std::vector<std::string> args) {
+  double Cli(std::vector<std::string> args, const std::string& input = {}) {
     args.insert(args.begin(), {PBR_CLI_BIN, "--timeout", "300"});
     const auto start = Clock::now();
-    const int status = Wait(Spawn(args, (dir_ / "cli.out").string()));
+    const int status = Wait(Spawn(args, (dir_ / "cli.out").string(), input));
     return status == 0 ? Ms(Clock::now() - start) : -1;
   }
   std::string File(const std::string& name, const std::string& text) {
@@ -224,7 +228,17 @@ void ElementEndToEnd(benchmark::State& state) {
     const double attach = figures.total_ms;
     if (attach < 0) return state.SkipWithError("pbr-app did not attach again");
     const double commitApp = commit();
+    std::vector<double> sessionTimes;
+    for (int i = 0; i < 5; ++i) {
+      const std::string script = element.File(
+          "session.txt", "set /router/pbr{" + std::to_string(rules / 2) + "}/rule/priority " +
+                             std::to_string(priority++) + "\ncommit\n");
+      sessionTimes.push_back(element.Cli({}, script));
+    }
+    std::sort(sessionTimes.begin(), sessionTimes.end());
     const double show = element.Cli({"show", "pbr"});
+    // Commit 2 emptied the configuration before the bulk commit (3): back to it.
+    const double rollback = element.Cli({"rollback", "2"});
 
     state.SetIterationTime(attach / 1000);
     state.counters["bulk_commit_ms"] = bulk;
@@ -236,6 +250,8 @@ void ElementEndToEnd(benchmark::State& state) {
     state.counters["load_ms"] = figures.load_ms;
     state.counters["commit_ms"] = commitApp;
     state.counters["commit_server_ms"] = commitServer;
+    state.counters["session_commit_ms"] = sessionTimes[2];
+    state.counters["rollback_ms"] = rollback;
     state.counters["show_ms"] = show;
     state.counters["mgmtd_peak_mib"] = MemoryMib(element.mgmtd(), "VmHWM");
     state.counters["app_rss_mib"] = MemoryMib(element.app(), "VmRSS");

@@ -98,6 +98,12 @@ MgmtClient::~MgmtClient() {
   ::close(fd_);
 }
 
+bool MgmtClient::Alive() const {
+  // The server sends nothing unasked, so anything readable now is the end of the connection.
+  pollfd p{fd_, POLLIN, 0};
+  return ::poll(&p, 1, 0) == 0;
+}
+
 bool MgmtClient::Call(mgmt::ClientMessage request, mgmt::Response* response, std::string* error) {
   const uint64_t id = nextId_++;
   request.set_id(id);

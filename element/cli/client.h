@@ -29,6 +29,9 @@ class MgmtClient {
   // client is then broken and should be dropped.
   bool Call(mgmt::ClientMessage request, mgmt::Response* response, std::string* error);
 
+  // False when the server has closed the connection while no request was out (it restarted).
+  bool Alive() const;
+
  private:
   MgmtClient(int fd, std::string socketPath, std::chrono::milliseconds timeout);
 

@@ -14,9 +14,13 @@ Commands (each one commit; without a command pbr-cli reads commands interactivel
   show pbr [ID] [--json]                the operational view of every rule or of rule ID
   set PATH [VALUE] [-- set|delete ...]  set a leaf, or create a list or leaf-list entry
   delete PATH [-- set|delete ...]       delete a node with everything below it
-  load merge|replace FILE [--format json|xml]
+  load merge|replace FILE [--format json|xml] [--dry-run]
                                         merge a document into the running configuration
-                                        or replace it (format by the file's extension)
+                                        or replace it (format by the file's extension);
+                                        prints the rules added, changed and deleted
+  show commits [--json]                 the commit history
+  show commit ID [--json]               the changes of commit ID
+  rollback ID [--dry-run]               commit the configuration as it was after commit ID
   help                                  this text
 
 Paths are keypaths without prefixes; keys go in braces:
@@ -30,13 +34,23 @@ constexpr std::string_view kShellHelp =
     R"(Commands:
   show running [--json]        the running configuration
   show pbr [ID] [--json]       the operational view of every rule or of rule ID
-  show candidate               the changes that commit will send
-  set PATH [VALUE]             add a change to the candidate: set a leaf, or create a list
-                               or leaf-list entry
-  delete PATH                  add a change to the candidate: delete a node
-  commit                       send the candidate as one commit
+  show candidate [--json]      the candidate's changes against running, as set/delete lines
+  show commits [--json]        the commit history; show commit ID: its changes
+  set PATH [VALUE]             change the candidate: set a leaf, or create a list or
+                               leaf-list entry
+  delete PATH                  change the candidate: delete a node (or undo its set)
+  validate                     check the whole candidate; nothing is committed
+  commit [comment TEXT]        commit the candidate; refused when another commit has since
+                               changed a rule it changes (then update or discard)
+  commit confirmed [SECONDS] [comment TEXT]
+                               commit, undone after SECONDS (600) unless confirmed
+  confirm | abort              keep or undo this session's confirmed commit
+  update                       rebase the candidate on the current running configuration
   discard                      drop the candidate
-  load merge|replace FILE [--format json|xml]
+  lock | unlock [running|candidate]
+                               refuse others' commits until unlock or the end of the session
+  rollback ID [--dry-run]      commit the configuration as it was right after commit ID
+  load merge|replace FILE [--format json|xml] [--dry-run]
                                load a document and commit it at once
   help                         this text
   exit                         leave (an uncommitted candidate is dropped)
@@ -49,7 +63,8 @@ ParseResult Fail(std::string error) {
   return {std::nullopt, std::move(error)};
 }
 
-bool ParseId(const std::string& word, uint32_t* id) {
+template <class T>
+bool ParseId(const std::string& word, T* id) {
   const char* end = word.data() + word.size();
   auto [ptr, ec] = std::from_chars(word.data(), end, *id);
   return ec == std::errc() && ptr == end && !word.empty();
@@ -84,11 +99,21 @@ ParseResult ParseShow(std::span<const std::string> args, Context context) {
     return {show, {}};
   }
   if (what == "candidate" && context == Context::kShell) {
-    if (!rest.empty() || json) return Fail("show candidate takes no argument");
-    return {ShowCandidate{}, {}};
+    if (!rest.empty()) return Fail("show candidate takes no argument but --json");
+    return {ShowCandidate{json}, {}};
+  }
+  if (what == "commits") {
+    if (!rest.empty()) return Fail("show commits takes no argument but --json");
+    return {ShowCommits{std::nullopt, json}, {}};
+  }
+  if (what == "commit") {
+    uint64_t id = 0;
+    if (rest.size() != 1 || !ParseId(rest[0], &id)) return Fail("usage: show commit ID [--json]");
+    return {ShowCommits{id, json}, {}};
   }
   return Fail("cannot show " + what +
-              (context == Context::kShell ? "; running, pbr or candidate" : "; running or pbr"));
+              (context == Context::kShell ? "; running, pbr, candidate, commits or commit ID"
+                                          : "; running, pbr, commits or commit ID"));
 }
 
 // set PATH [VALUE] and delete PATH, chained with --.
@@ -127,7 +152,9 @@ ParseResult ParseLoad(std::span<const std::string> args) {
   std::optional<mgmt::Load::Format> format;
   std::vector<std::string> rest;
   for (size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--format") {
+    if (args[i] == "--dry-run") {
+      load.dryRun = true;
+    } else if (args[i] == "--format") {
       if (i + 1 == args.size()) return Fail("--format needs json or xml");
       const std::string& f = args[++i];
       if (f == "json") {
@@ -141,7 +168,9 @@ ParseResult ParseLoad(std::span<const std::string> args) {
       rest.push_back(args[i]);
     }
   }
-  if (rest.size() != 2) return Fail("usage: load merge|replace FILE [--format json|xml]");
+  if (rest.size() != 2) {
+    return Fail("usage: load merge|replace FILE [--format json|xml] [--dry-run]");
+  }
   if (rest[0] == "merge") {
     load.mode = mgmt::Load::MERGE;
   } else if (rest[0] == "replace") {
@@ -165,6 +194,57 @@ ParseResult ParseLoad(std::span<const std::string> args) {
   return {std::move(load), {}};
 }
 
+ParseResult ParseRollback(std::span<const std::string> args) {
+  RollbackCommand rollback;
+  bool haveId = false;
+  for (const std::string& word : args) {
+    if (word == "--dry-run") {
+      rollback.dryRun = true;
+    } else if (!haveId && ParseId(word, &rollback.id)) {
+      haveId = true;
+    } else {
+      return Fail("usage: rollback ID [--dry-run]");
+    }
+  }
+  if (!haveId) return Fail("usage: rollback ID [--dry-run]");
+  return {rollback, {}};
+}
+
+// commit [confirmed [SECONDS]] [comment TEXT]
+ParseResult ParseCommit(std::span<const std::string> args) {
+  Commit commit;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "comment" && i + 1 < args.size()) {
+      commit.comment = args[++i];
+    } else if (args[i] == "confirmed" && !commit.confirmSeconds) {
+      commit.confirmSeconds = 600;
+      uint32_t seconds = 0;
+      if (i + 1 < args.size() && ParseId(args[i + 1], &seconds)) {
+        if (seconds == 0) return Fail("a confirmed commit needs at least 1 second");
+        commit.confirmSeconds = seconds;
+        ++i;
+      }
+    } else {
+      return Fail("usage: commit [confirmed [SECONDS]] [comment TEXT]");
+    }
+  }
+  return {commit, {}};
+}
+
+ParseResult ParseLock(const std::string& verb, std::span<const std::string> args) {
+  LockCommand lock;
+  lock.unlock = verb == "unlock";
+  if (args.size() > 1) return Fail("usage: " + verb + " [running|candidate]");
+  if (!args.empty()) {
+    if (args[0] == "candidate") {
+      lock.target = mgmt::LockRequest::CANDIDATE;
+    } else if (args[0] != "running") {
+      return Fail(verb + " running or candidate, not " + args[0]);
+    }
+  }
+  return {lock, {}};
+}
+
 }  // namespace
 
 ParseResult Parse(std::span<const std::string> words, Context context) {
@@ -175,13 +255,20 @@ ParseResult Parse(std::span<const std::string> words, Context context) {
   if (verb == "show") return ParseShow(args, context);
   if (verb == "set" || verb == "delete") return ParseEdit(words);
   if (verb == "load") return ParseLoad(args);
+  if (verb == "rollback") return ParseRollback(args);
   if (verb == "help" || (!shell && (verb == "--help" || verb == "-h"))) return {Help{}, {}};
+  if (shell && verb == "commit") return ParseCommit(args);
+  if (shell && (verb == "lock" || verb == "unlock")) return ParseLock(verb, args);
   if (shell && args.empty()) {
-    if (verb == "commit") return {Commit{}, {}};
     if (verb == "discard") return {Discard{}, {}};
+    if (verb == "validate") return {Validate{}, {}};
+    if (verb == "update") return {Update{}, {}};
+    if (verb == "confirm") return {Confirm{}, {}};
+    if (verb == "abort") return {Abort{}, {}};
     if (verb == "exit" || verb == "quit") return {Exit{}, {}};
   }
-  if (shell && (verb == "commit" || verb == "discard" || verb == "exit" || verb == "quit")) {
+  if (shell && (verb == "discard" || verb == "validate" || verb == "update" || verb == "confirm" ||
+                verb == "abort" || verb == "exit" || verb == "quit")) {
     return Fail(verb + " takes no argument");
   }
   return Fail("unknown command " + verb + "; try help");

@@ -24,7 +24,20 @@ struct ShowPbr {
   bool json = false;
 };
 
-struct ShowCandidate {};
+struct ShowCandidate {
+  bool json = false;
+};
+
+// The commit history, or with an id the changes of that commit.
+struct ShowCommits {
+  std::optional<uint64_t> id;
+  bool json = false;
+};
+
+struct RollbackCommand {
+  uint64_t id = 0;
+  bool dryRun = false;
+};
 
 // One or more set/delete operations, committed as one (one-shot form) or added to the
 // candidate (shell).
@@ -36,15 +49,28 @@ struct LoadCommand {
   mgmt::Load::Mode mode = mgmt::Load::MERGE;
   mgmt::Load::Format format = mgmt::Load::JSON;
   std::string file;
+  bool dryRun = false;
 };
 
-struct Commit {};
+struct Commit {
+  std::string comment;
+  std::optional<uint32_t> confirmSeconds;  // commit confirmed
+};
 struct Discard {};
+struct Validate {};
+struct Update {};
+struct Confirm {};
+struct Abort {};
+struct LockCommand {
+  mgmt::LockRequest::Target target = mgmt::LockRequest::RUNNING;
+  bool unlock = false;
+};
 struct Help {};
 struct Exit {};
 
-using Command = std::variant<ShowRunning, ShowPbr, ShowCandidate, EditCommand, LoadCommand, Commit,
-                             Discard, Help, Exit>;
+using Command = std::variant<ShowRunning, ShowPbr, ShowCandidate, ShowCommits, EditCommand,
+                             LoadCommand, RollbackCommand, Commit, Discard, Validate, Update,
+                             Confirm, Abort, LockCommand, Help, Exit>;
 
 // Where a command is given: the one-shot form commits each edit at once; the shell collects
 // edits in a candidate and knows commit, discard, show candidate and exit.

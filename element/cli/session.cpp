@@ -1,5 +1,8 @@
 #include "element/cli/session.h"
 
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
 #include "element/cli/config_tree.h"
 #include "element/cli/document.h"
 #include "element/cli/error_text.h"
@@ -28,56 +31,217 @@ Session::~Session() = default;
 
 int Session::Run(const Command& command, Context context) {
   const bool shell = context == Context::kShell;
-  return std::visit(Overloaded{
-                        [&](const ShowRunning& c) { return ShowRunningConfig(c); },
-                        [&](const ShowPbr& c) { return ShowStatus(c); },
-                        [&](const ShowCandidate&) { return ShowCandidateChanges(); },
-                        [&](const EditCommand& c) {
-                          return shell ? AddToCandidate(c) : CommitEdit(c.operations);
-                        },
-                        [&](const LoadCommand& c) {
-                          const int status = LoadFile(c);
-                          if (status == kExitOk && shell) out_ << "committed" << std::endl;
-                          return status;
-                        },
-                        [&](const Commit&) { return CommitCandidate(); },
-                        [&](const Discard&) {
-                          candidate_.clear();
-                          return int{kExitOk};
-                        },
-                        [&](const Help&) {
-                          out_ << (shell ? ShellHelpText() : UsageText()) << std::flush;
-                          return int{kExitOk};
-                        },
-                        [&](const Exit&) {
-                          exitRequested_ = true;
-                          return int{kExitOk};
-                        },
-                    },
-                    command);
+  using Kind = mgmt::CandidateRequest;
+  return std::visit(
+      Overloaded{
+          [&](const ShowRunning& c) { return ShowRunningConfig(c); },
+          [&](const ShowPbr& c) { return ShowStatus(c); },
+          [&](const ShowCandidate& c) { return ShowCandidateChanges(c); },
+          [&](const ShowCommits& c) { return ShowHistory(c); },
+          [&](const EditCommand& c) {
+            return shell ? AddToCandidate(c) : CommitEdit(c.operations);
+          },
+          [&](const LoadCommand& c) {
+            const int status = LoadFile(c);
+            if (status == kExitOk && shell && !c.dryRun) out_ << "committed" << std::endl;
+            return status;
+          },
+          [&](const RollbackCommand& c) { return RollbackTo(c); },
+          [&](const Commit& c) { return CommitCandidate(c); },
+          [&](const Discard&) {
+            const int status = SimpleCandidateCall(Kind::DISCARD, nullptr);
+            if (status == kExitOk) edits_ = 0;
+            return status;
+          },
+          [&](const Validate&) { return SimpleCandidateCall(Kind::VALIDATE, "valid"); },
+          [&](const Update&) { return SimpleCandidateCall(Kind::UPDATE, "updated"); },
+          [&](const Confirm&) { return SimpleCandidateCall(Kind::CONFIRM, "confirmed"); },
+          [&](const Abort&) { return SimpleCandidateCall(Kind::ABORT, "aborted"); },
+          [&](const LockCommand& c) { return Lock(c); },
+          [&](const Help&) {
+            out_ << (shell ? ShellHelpText() : UsageText()) << std::flush;
+            return int{kExitOk};
+          },
+          [&](const Exit&) {
+            exitRequested_ = true;
+            return int{kExitOk};
+          },
+      },
+      command);
 }
 
 int Session::AddToCandidate(const EditCommand& edit) {
-  candidate_.insert(candidate_.end(), edit.operations.begin(), edit.operations.end());
+  mgmt::ClientMessage request;
+  for (const mgmt::EditOperation& op : edit.operations) {
+    *request.mutable_candidate_edit()->add_operation() = op;
+  }
+  mgmt::Response response;
+  if (const int status = Call(std::move(request), &response)) return status;
+  if (const int status = Refusal(response)) return status;
+  serverState_ = true;
+  edits_ += edit.operations.size();
   return kExitOk;
 }
 
-int Session::CommitCandidate() {
-  if (candidate_.empty()) {
+int Session::CandidateCall(mgmt::CandidateRequest::Kind kind, std::string* data,
+                           const Commit* commit) {
+  mgmt::ClientMessage request;
+  mgmt::CandidateRequest* body = request.mutable_candidate();
+  body->set_kind(kind);
+  if (commit) {
+    body->set_comment(commit->comment);
+    if (commit->confirmSeconds) body->set_confirm_timeout(*commit->confirmSeconds);
+  }
+  mgmt::Response response;
+  if (const int status = Call(std::move(request), &response)) return status;
+  if (const int status = Refusal(response)) return status;
+  *data = response.data();
+  return kExitOk;
+}
+
+int Session::SimpleCandidateCall(mgmt::CandidateRequest::Kind kind, const char* done) {
+  std::string data;
+  if (const int status = CandidateCall(kind, &data)) return status;
+  if (done) out_ << done << std::endl;
+  return kExitOk;
+}
+
+int Session::CommitCandidate(const Commit& commit) {
+  std::string data;
+  // A refused candidate stays, to be corrected, updated or discarded.
+  if (const int status = CandidateCall(mgmt::CandidateRequest::COMMIT, &data, &commit)) {
+    return status;
+  }
+  edits_ = 0;
+  const auto answer = nlohmann::json::parse(data, nullptr, false);
+  if (data == "{}") {
     out_ << "nothing to commit" << std::endl;
+  } else if (answer.is_object() && answer.contains("extended")) {
+    out_ << "undone in " << *commit.confirmSeconds << " s unless confirmed" << std::endl;
+  } else if (answer.is_object() && answer.contains("confirmed")) {
+    out_ << "confirmed" << std::endl;
+    serverState_ = false;
+  } else {
+    out_ << "committed";
+    if (answer.is_object() && answer.contains("id")) out_ << " (commit " << answer["id"] << ")";
+    if (commit.confirmSeconds) {
+      out_ << "; undone in " << *commit.confirmSeconds << " s unless confirmed";
+      serverState_ = true;
+    }
+    out_ << std::endl;
+  }
+  return kExitOk;
+}
+
+int Session::Lock(const LockCommand& lock) {
+  mgmt::ClientMessage request;
+  request.mutable_lock()->set_target(lock.target);
+  request.mutable_lock()->set_unlock(lock.unlock);
+  mgmt::Response response;
+  if (const int status = Call(std::move(request), &response)) return status;
+  if (const int status = Refusal(response)) return status;
+  if (!lock.unlock) serverState_ = true;
+  out_ << (lock.unlock ? "unlocked" : "locked") << std::endl;
+  return kExitOk;
+}
+
+int Session::PrintChanges(const std::string& json, bool asJson, const char* none) {
+  if (asJson) {
+    WriteText(out_, json);
     return kExitOk;
   }
-  // A refused candidate stays, to be corrected or discarded.
-  const int status = CommitEdit(candidate_);
-  if (status == kExitOk) {
-    candidate_.clear();
-    out_ << "committed" << std::endl;
+  const auto doc = nlohmann::json::parse(json, nullptr, false);
+  if (!doc.is_object() || !doc.contains("changes") || !doc["changes"].is_array()) {
+    err_ << "error: the management server sent changes that cannot be read" << std::endl;
+    return kExitFailed;
   }
-  return status;
+  if (doc["changes"].empty()) out_ << none << '\n';
+  for (const auto& change : doc["changes"]) {
+    mgmt::EditOperation op;
+    op.set_kind(change.value("op", "") == "delete" ? mgmt::EditOperation::DELETE
+                                                   : mgmt::EditOperation::SET);
+    op.set_path(change.value("path", ""));
+    if (change.contains("value")) {
+      out_ << "set " << op.path() << ' ' << QuoteWord(change.value("value", "")) << '\n';
+    } else {
+      out_ << FormatOperation(op) << '\n';
+    }
+  }
+  out_.flush();
+  return kExitOk;
+}
+
+int Session::ShowCandidateChanges(const ShowCandidate& show) {
+  std::string data;
+  if (const int status = CandidateCall(mgmt::CandidateRequest::SHOW, &data)) return status;
+  return PrintChanges(data, show.json, "no changes");
+}
+
+int Session::ShowHistory(const ShowCommits& show) {
+  mgmt::ClientMessage request;
+  if (show.id) {
+    request.mutable_get_commits()->set_id(*show.id);
+  } else {
+    request.mutable_get_commits();
+  }
+  mgmt::Response response;
+  if (const int status = Call(std::move(request), &response)) return status;
+  if (const int status = Refusal(response)) return status;
+  if (show.id) return PrintChanges(response.data(), show.json, "no changes");
+  if (show.json) {
+    WriteText(out_, response.data());
+    return kExitOk;
+  }
+  const auto list = nlohmann::json::parse(response.data(), nullptr, false);
+  if (!list.is_array()) {
+    err_ << "error: the management server sent a history that cannot be read" << std::endl;
+    return kExitFailed;
+  }
+  out_ << "ID     TIME                  USER        CLIENT  COMMENT\n";
+  for (const auto& c : list) {
+    char line[128];
+    std::snprintf(line, sizeof line, "%-6llu %-21s %-11s %-7s ",
+                  static_cast<unsigned long long>(c.value("id", uint64_t{0})),
+                  c.value("time", "").c_str(), c.value("user", "").c_str(),
+                  c.value("client", "").c_str());
+    out_ << line << c.value("comment", "") << '\n';
+  }
+  out_.flush();
+  return kExitOk;
+}
+
+int Session::RollbackTo(const RollbackCommand& rollback) {
+  mgmt::ClientMessage request;
+  request.mutable_rollback()->set_id(rollback.id);
+  request.mutable_rollback()->set_dry_run(rollback.dryRun);
+  mgmt::Response response;
+  if (const int status = Call(std::move(request), &response)) return status;
+  if (const int status = Refusal(response)) return status;
+  if (rollback.dryRun) return PrintChanges(response.data(), false, "no changes");
+  const auto answer = nlohmann::json::parse(response.data(), nullptr, false);
+  if (answer.is_object() && answer.contains("id")) {
+    out_ << "committed (commit " << answer["id"] << ")" << std::endl;
+  }
+  return kExitOk;
 }
 
 int Session::Call(mgmt::ClientMessage request, mgmt::Response* response) {
   std::string error;
+  if (client_ && !client_->Alive()) {
+    // The server restarted since the last command: this session's candidate, locks and
+    // confirmed commit went with it. A commit of the old candidate would apply nothing.
+    client_.reset();
+    if (serverState_) {
+      serverState_ = false;
+      edits_ = 0;
+      err_ << "error: the management server restarted; this session's candidate and locks are "
+              "gone, and nothing of the candidate was committed"
+           << std::endl;
+      if (request.has_candidate() && request.candidate().kind() != mgmt::CandidateRequest::SHOW) {
+        return kExitFailed;
+      }
+    }
+  }
   if (!client_) {
     client_ = MgmtClient::Connect(options_.socketPath, options_.timeout, &error);
     if (!client_) {
@@ -85,9 +249,17 @@ int Session::Call(mgmt::ClientMessage request, mgmt::Response* response) {
       return kExitUnreachable;
     }
   }
+  const bool commits =
+      request.has_edit() || request.has_load() || request.has_rollback() || request.has_candidate();
   if (!client_->Call(std::move(request), response, &error)) {
     client_.reset();  // the next command connects afresh
-    err_ << "error: " << error << std::endl;
+    err_ << "error: " << error
+         << (commits ? "; whether it was applied is unknown (see show commits)" : "") << std::endl;
+    if (serverState_) {
+      err_ << "error: this session's candidate and locks are gone with the connection" << std::endl;
+      serverState_ = false;
+      edits_ = 0;
+    }
     return kExitUnreachable;
   }
   return kExitOk;
@@ -178,18 +350,16 @@ int Session::LoadFile(const LoadCommand& load) {
   message->set_mode(load.mode);
   message->set_format(load.format);
   message->set_data(std::move(text));
+  message->set_dry_run(load.dryRun);
   mgmt::Response response;
   if (const int status = Call(std::move(request), &response)) return status;
-  return Refusal(response, load.file);
-}
-
-int Session::ShowCandidateChanges() {
-  if (candidate_.empty()) {
-    out_ << "no changes" << std::endl;
-    return kExitOk;
+  if (const int status = Refusal(response, load.file)) return status;
+  const auto counts = nlohmann::json::parse(response.data(), nullptr, false);
+  if (counts.is_object()) {
+    out_ << counts.value("added", 0) << " rules added, " << counts.value("changed", 0)
+         << " changed, " << counts.value("deleted", 0) << " deleted"
+         << (load.dryRun ? " (dry run: nothing committed)" : "") << std::endl;
   }
-  for (const mgmt::EditOperation& op : candidate_) out_ << FormatOperation(op) << '\n';
-  out_.flush();
   return kExitOk;
 }
 

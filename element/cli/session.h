@@ -1,7 +1,8 @@
 // Carries out operator commands against the management server and prints their results: the
-// one-shot form runs one command, the shell runs one after another in the same session and
-// keeps its candidate here. Data goes to `out`, refusals and failures to `err`, each as one
-// "error: PATH: REASON" line. Used on the process's one thread.
+// one-shot form runs one command, the shell runs one after another in the same session, whose
+// candidate and locks the server holds for as long as the connection lasts. Data goes to `out`,
+// refusals and failures to `err`, each as one "error: PATH: REASON" line. Used on the process's one
+// thread.
 #pragma once
 
 #include <chrono>
@@ -37,17 +38,21 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // Runs one command and returns its exit status. In the shell, set and delete add to the
-  // candidate, which commit sends and discard drops.
+  // Runs one command and returns its exit status. In the shell, set and delete change the
+  // session's candidate on the server, which commit applies and discard drops.
   int Run(const Command& command, Context context);
 
-  const std::vector<mgmt::EditOperation>& candidate() const { return candidate_; }
+  // The edits made to the candidate since it was last committed or discarded.
+  size_t uncommittedEdits() const { return edits_; }
   bool exitRequested() const { return exitRequested_; }
 
  private:
   // Sends one request, connecting first when there is no connection. Prints the failure and
   // returns its status when there is no answer; kExitOk otherwise, the answer in *response.
   int Call(mgmt::ClientMessage request, mgmt::Response* response);
+  // A request about the session's candidate; the answer's data in *data.
+  int CandidateCall(mgmt::CandidateRequest::Kind kind, std::string* data,
+                    const Commit* commit = nullptr);
   // Prints a refusal and returns kExitFailed; kExitOk for an accepted answer. `file`: the
   // refused input was this file.
   int Refusal(const mgmt::Response& response, std::string_view file = {});
@@ -58,9 +63,15 @@ class Session {
   int ShowStatus(const ShowPbr& show);
   int CommitEdit(const std::vector<mgmt::EditOperation>& operations);
   int AddToCandidate(const EditCommand& edit);
-  int CommitCandidate();
+  int CommitCandidate(const Commit& commit);
+  int SimpleCandidateCall(mgmt::CandidateRequest::Kind kind, const char* done);
   int LoadFile(const LoadCommand& load);
-  int ShowCandidateChanges();
+  int ShowCandidateChanges(const ShowCandidate& show);
+  int ShowHistory(const ShowCommits& show);
+  int RollbackTo(const RollbackCommand& rollback);
+  int Lock(const LockCommand& lock);
+  // Prints changes ({"changes": [...]}) as set/delete lines, or `none` when there are none.
+  int PrintChanges(const std::string& json, bool asJson, const char* none);
 
   SessionOptions options_;
   std::ostream& out_;
@@ -68,7 +79,10 @@ class Session {
   std::unique_ptr<MgmtClient> client_;  // connected on first use, dropped when broken
   yang::Context schema_;                // for trees and error paths
   bool schemaFailed_ = false;
-  std::vector<mgmt::EditOperation> candidate_;
+  size_t edits_ = 0;
+  // The server holds something of this session (a candidate, a lock, a confirmed commit), lost
+  // when the connection is.
+  bool serverState_ = false;
   bool exitRequested_ = false;
 };
 

@@ -16,9 +16,10 @@ namespace {
 constexpr int kHistoryLength = 1000;
 
 // Words completed at the start of a line, and after "show" and "load".
-const std::vector<std::string> kCommands = {"show",   "set",     "delete", "load",
-                                            "commit", "discard", "help",   "exit"};
-const std::vector<std::string> kShowWhat = {"running", "pbr", "candidate"};
+const std::vector<std::string> kCommands = {"show",    "set",      "delete",   "load",    "commit",
+                                            "discard", "validate", "update",   "confirm", "abort",
+                                            "lock",    "unlock",   "rollback", "help",    "exit"};
+const std::vector<std::string> kShowWhat = {"running", "pbr", "candidate", "commits", "commit"};
 const std::vector<std::string> kLoadModes = {"merge", "replace"};
 
 const std::vector<std::string>* completionWords = nullptr;
@@ -98,8 +99,8 @@ int RunShell(Session& session, std::istream& in, std::ostream& err, bool termina
     }
     if (const int status = session.Run(*parsed.command, Context::kShell)) result = status;
   }
-  if (!session.candidate().empty()) {
-    err << "warning: " << session.candidate().size() << " uncommitted changes dropped" << std::endl;
+  if (session.uncommittedEdits() > 0) {
+    err << "warning: " << session.uncommittedEdits() << " uncommitted changes dropped" << std::endl;
   }
   if (terminal && !history.empty()) write_history(history.c_str());
   return result;

@@ -125,11 +125,8 @@ bool Datastore::LoadRunning(std::string_view json, CommitError* error) {
   return true;
 }
 
-namespace {
-
-// Applies one edit operation to the tree whose first top-level sibling is *tree.
-bool ApplyOperation(ly_ctx* ctx, lyd_node** tree, const EditOperation& op, const DataPath& path,
-                    CommitError* error) {
+bool ApplyEditOperation(ly_ctx* ctx, lyd_node** tree, const EditOperation& op, const DataPath& path,
+                        CommitError* error) {
   if (op.kind() == EditOperation::DELETE) {
     lyd_node* match = nullptr;
     if (!*tree || lyd_find_path(*tree, path.path.c_str(), 0, &match) != LY_SUCCESS) {
@@ -163,8 +160,6 @@ bool ApplyOperation(ly_ctx* ctx, lyd_node** tree, const EditOperation& op, const
   return true;
 }
 
-}  // namespace
-
 std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* error) {
   ly_err_clean(ctx_, nullptr);
   std::vector<DataPath> paths(edit.operation_size());
@@ -186,7 +181,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
       return nullptr;
     }
     for (int i = 0; i < edit.operation_size(); ++i) {
-      if (!ApplyOperation(ctx_, &tree, edit.operation(i), paths[i], error)) {
+      if (!ApplyEditOperation(ctx_, &tree, edit.operation(i), paths[i], error)) {
         lyd_free_siblings(tree);
         return nullptr;
       }
@@ -215,21 +210,102 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
         deleted[path.entryList][EntryKey::Of(entry)] = nullptr;
       }
     }
-    if (!ApplyOperation(ctx_, &candidate->tree, edit.operation(i), path, error)) return nullptr;
+    if (!ApplyEditOperation(ctx_, &candidate->tree, edit.operation(i), path, error)) return nullptr;
   }
+  candidate->entries = std::move(deleted);
+  if (!FinishPartial(candidate.get(), error)) return nullptr;
+  return candidate;
+}
+
+bool Datastore::FinishPartial(Candidate* candidate, CommitError* error) const {
   if (candidate->tree &&
       lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT, nullptr) != LY_SUCCESS) {
     *error = ValidationError(candidate->tree);
-    return nullptr;
+    return false;
   }
-  candidate->entries = std::move(deleted);
   for (lyd_node* top = candidate->tree; top; top = top->next) {
     for (lyd_node* child = lyd_child(top); child; child = child->next) {
       if (IsUnitList(child->schema)) candidate->entries[child->schema][EntryKey::Of(child)] = child;
     }
   }
-  DropUnchanged(candidate.get());
+  DropUnchanged(candidate);
+  return true;
+}
+
+std::unique_ptr<Candidate> Datastore::PrepareEntries(lyd_node* tree,
+                                                     const std::vector<std::string>& deleted,
+                                                     CommitError* error) {
+  ly_err_clean(ctx_, nullptr);
+  auto candidate = std::make_unique<Candidate>();
+  candidate->tree = tree;
+  for (const std::string& path : deleted) {
+    if (lyd_node* old = Find(path)) {
+      candidate->entries[old->schema][EntryKey::Of(old)] = nullptr;
+    }
+  }
+  if (!FinishPartial(candidate.get(), error)) return nullptr;
   return candidate;
+}
+
+lyd_node* Datastore::Find(const std::string& path) const {
+  lyd_node* match = nullptr;
+  if (!running_ || lyd_find_path(running_, path.c_str(), 0, &match) != LY_SUCCESS) return nullptr;
+  return match;
+}
+
+void Datastore::ForEachChange(
+    const Candidate& candidate,
+    const std::function<void(const lyd_node*, const lyd_node*)>& visit) const {
+  if (!candidate.whole) {
+    for (const auto& [list, entries] : candidate.entries) {
+      auto running = index_.find(list);
+      for (const auto& [key, entry] : entries) {
+        const lyd_node* old = nullptr;
+        if (running != index_.end()) {
+          auto it = running->second.find(key);
+          if (it != running->second.end()) old = it->second;
+        }
+        if (old || entry) visit(old, entry);
+      }
+    }
+    return;
+  }
+  // A whole candidate: its entries against the running ones, then the running ones it lacks.
+  std::map<const lysc_node*, std::set<const lyd_node*>> kept;
+  for (const lyd_node* top = candidate.tree; top; top = top->next) {
+    for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
+      if (!IsUnitList(entry->schema)) continue;
+      const lyd_node* old = nullptr;
+      auto running = index_.find(entry->schema);
+      if (running != index_.end()) {
+        auto it = running->second.find(EntryKey::Of(entry));
+        if (it != running->second.end()) old = it->second;
+      }
+      if (old) kept[entry->schema].insert(old);
+      if (old && lyd_compare_single(old, entry, LYD_COMPARE_FULL_RECURSION) == LY_SUCCESS) continue;
+      visit(old, entry);
+    }
+  }
+  for (const auto& [list, entries] : index_) {
+    const auto& still = kept[list];
+    for (const auto& [key, old] : entries) {
+      if (!still.count(old)) visit(old, nullptr);
+    }
+  }
+}
+
+ChangeCounts Datastore::Count(const Candidate& candidate) const {
+  ChangeCounts counts;
+  ForEachChange(candidate, [&](const lyd_node* old, const lyd_node* entry) {
+    if (!old) {
+      ++counts.added;
+    } else if (!entry) {
+      ++counts.deleted;
+    } else {
+      ++counts.changed;
+    }
+  });
+  return counts;
 }
 
 std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
@@ -473,8 +549,8 @@ std::string Datastore::AttachMessage(uint64_t seq, size_t headroom) const {
   return SnapshotWriter(running_, index_).AttachMessage(seq, headroom);
 }
 
-std::string Datastore::RunningJson() const {
-  return PrintJson(running_);
+std::string Datastore::RunningJson(bool compact) const {
+  return PrintJson(running_, compact);
 }
 
 }  // namespace pbr::mgmt

@@ -7,12 +7,14 @@
 
 #include <libyang/libyang.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "element/mgmt/data_path.h"
 #include "element/mgmt/diff.h"
 #include "element/mgmt/entry_key.h"
 #include "element/mgmt/journal.pb.h"
@@ -42,6 +44,18 @@ class Candidate {
   std::map<const lysc_node*, std::map<EntryKey, lyd_node*>> entries;
 };
 
+// Applies one edit operation to the tree whose first top-level sibling is *tree, without
+// validating the result.
+bool ApplyEditOperation(ly_ctx* ctx, lyd_node** tree, const EditOperation& op, const DataPath& path,
+                        CommitError* error);
+
+// How a commit changes the rules.
+struct ChangeCounts {
+  uint64_t added = 0;
+  uint64_t changed = 0;
+  uint64_t deleted = 0;
+};
+
 class Datastore {
  public:
   // `ctx` holds the annotated PBR module and outlives the datastore.
@@ -57,6 +71,19 @@ class Datastore {
   // would be invalid. Nothing changes until Apply.
   std::unique_ptr<Candidate> Prepare(const Edit& edit, CommitError* error);
   std::unique_ptr<Candidate> Prepare(Load load, CommitError* error);
+  // A validated candidate from new versions of list entries (`tree`, taken) and the data paths
+  // of entries to delete (those not running are left alone).
+  std::unique_ptr<Candidate> PrepareEntries(lyd_node* tree, const std::vector<std::string>& deleted,
+                                            CommitError* error);
+
+  // Calls `visit` with the running and the new version (either may be null) of every list entry
+  // the candidate changes, in key order for partial candidates.
+  void ForEachChange(const Candidate& candidate,
+                     const std::function<void(const lyd_node*, const lyd_node*)>& visit) const;
+  ChangeCounts Count(const Candidate& candidate) const;
+
+  // The running entry or node at a libyang data path; null when there is none.
+  lyd_node* Find(const std::string& path) const;
 
   // The candidate's changes against the running configuration, in ConfD's diff order.
   void Diff(const Candidate& candidate, ChangeList* out) const;
@@ -72,8 +99,8 @@ class Datastore {
   // The running configuration as the ServerMessage (encoded) of an AttachReply with sequence
   // number `seq`, lists in key order, after `headroom` bytes left for the caller.
   std::string AttachMessage(uint64_t seq, size_t headroom = 0) const;
-  // The running configuration as RFC 7951 JSON.
-  std::string RunningJson() const;
+  // The running configuration as RFC 7951 JSON; `compact`: without indentation and newlines.
+  std::string RunningJson(bool compact = false) const;
 
   // The running entries of a list directly below a top-level container, in key order.
   std::vector<const lyd_node*> Entries(const lysc_node* list) const;
@@ -94,6 +121,9 @@ class Datastore {
   // Leaves out of a partial candidate the entries equal to their running versions, so that
   // neither the journal nor the running tree spends work on them.
   void DropUnchanged(Candidate* candidate) const;
+
+  // Validates a partial candidate's tree and indexes its entries.
+  bool FinishPartial(Candidate* candidate, CommitError* error) const;
 
   ly_ctx* ctx_;
   const lys_module* module_;

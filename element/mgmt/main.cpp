@@ -2,6 +2,7 @@
 // tells a service manager it is ready with sd_notify once its socket accepts connections, and
 // runs until SIGTERM or SIGINT.
 #include <signal.h>
+#include <stdlib.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 
@@ -47,6 +48,10 @@ int main(int argc, char** argv) {
   pbr::mgmt::ServerOptions options;
   options.runtimeDir = vqmw::RuntimeDir();
   options.stateDir = pbr::mgmt::StateDir();
+  // How many commits the history keeps at least.
+  if (const char* keep = std::getenv("PBR_ELEMENT_HISTORY"); keep && std::atoi(keep) > 0) {
+    options.historySize = static_cast<size_t>(std::atoi(keep));
+  }
 
   sigset_t mask;
   sigemptyset(&mask);

@@ -9,20 +9,29 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <pwd.h>
+
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <vector>
 
 #include "common/pbr_schema.h"
+#include "element/mgmt/change_text.h"
+#include "element/mgmt/commit_history.h"
 #include "element/mgmt/data_path.h"
 #include "element/mgmt/datastore.h"
 #include "element/mgmt/framing.h"
+#include "element/mgmt/json_text.h"
 #include "element/mgmt/operational.h"
 #include "element/mgmt/running_store.h"
 #include "element/mgmt/schema_info.h"
+#include "element/mgmt/session_candidate.h"
 #include "element/middleware/log.h"
 #include "element/yang/module.h"
 
@@ -46,9 +55,57 @@ constexpr const char* kReasonCallpoint = "pbr_hw_reason";
 // configuration and other sessions are served in between.
 constexpr int kObjectsPerRequest = 4096;
 
+// How long a confirmed commit left unconfirmed by a restart waits for a daemon to attach before
+// it is undone (microseconds).
+constexpr uint64_t kRestartGrace = 5'000'000;
+
 std::string Errno(const std::string& what) {
   return what + ": " + std::strerror(errno);
 }
+
+std::string UserName(uid_t uid) {
+  passwd entry{};
+  passwd* found = nullptr;
+  char buffer[1024];
+  if (::getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) == 0 && found) return found->pw_name;
+  return std::to_string(uid);
+}
+
+std::string IsoTime(int64_t seconds) {
+  const time_t t = static_cast<time_t>(seconds);
+  tm utc{};
+  gmtime_r(&t, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+// A copy of `entry` with its parents, linked into `*tree`.
+void CopyEntry(lyd_node** tree, const lyd_node* entry) {
+  lyd_node* copy = nullptr;
+  if (lyd_dup_single(entry, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS | LYD_DUP_WITH_PARENTS,
+                     &copy) != LY_SUCCESS) {
+    return;
+  }
+  while (lyd_parent(copy)) copy = lyd_parent(copy);
+  if (!*tree) {
+    *tree = copy;
+  } else {
+    lyd_merge_siblings(tree, copy, LYD_MERGE_DESTRUCT | LYD_MERGE_WITH_FLAGS);
+  }
+}
+
+std::string Path(const lyd_node* node) {
+  char* path = lyd_path(node, LYD_PATH_STD, nullptr, 0);
+  std::string out = path ? path : "";
+  free(path);
+  return out;
+}
+
+struct TreeOwner {
+  lyd_node* tree = nullptr;
+  ~TreeOwner() { lyd_free_siblings(tree); }
+};
 
 }  // namespace
 
@@ -65,6 +122,8 @@ struct Server::Impl {
     sd_event_source* io = nullptr;
     FramedStream stream;
     bool attached = false;
+    std::string user;                             // from the peer's credentials
+    std::unique_ptr<SessionCandidate> candidate;  // created by the first candidate edit
     std::string app;
     std::vector<Subscription> subscriptions;
     std::vector<std::string> callpoints;
@@ -76,6 +135,13 @@ struct Server::Impl {
     uint64_t request;
     std::set<uint64_t> waiting;
     sd_event_source* timer = nullptr;
+    std::string data;  // the answer: the commit's id and counts
+  };
+
+  // Who commits, for the history and the log.
+  struct CommitInfo {
+    std::string client;
+    std::string comment;
   };
 
   // An operational view being collected from a callpoint.
@@ -110,6 +176,10 @@ struct Server::Impl {
   SchemaInfo schemaInfo;
   std::unique_ptr<Datastore> store;
   std::unique_ptr<RunningStore> persisted;
+  std::unique_ptr<CommitHistory> history;
+  // Sessions holding the locks of the running configuration and of the candidates (0: none).
+  uint64_t runningLock = 0;
+  uint64_t candidateLock = 0;
   sd_event_source* compaction = nullptr;
   std::vector<ResolvedBinding> bindings;
   int lockFd = -1;
@@ -126,6 +196,7 @@ struct Server::Impl {
 
   ~Impl() {
     for (auto& [seqNo, pending] : commits) sd_event_source_unref(pending.timer);
+    if (confirmation) sd_event_source_unref(confirmation->timer);
     for (auto& [id, session] : sessions) {
       sd_event_source_unref(session->io);
       ::close(session->fd);
@@ -160,7 +231,42 @@ struct Server::Impl {
                  std::string data = {});
 
   void HandleAttach(Session& session, uint64_t request, const Attach& attach);
-  void HandleCommit(Session& session, uint64_t request, std::unique_ptr<Candidate> candidate);
+  // Applies a prepared commit; its id, or 0 when it was refused (answered already).
+  uint64_t HandleCommit(Session& session, uint64_t request, std::unique_ptr<Candidate> candidate,
+                        const CommitInfo& info);
+  void HandleCandidate(Session& session, uint64_t request, const CandidateRequest& req);
+  void HandleCandidateEdit(Session& session, uint64_t request, const CandidateEdit& edit);
+  void HandleLock(Session& session, uint64_t request, const LockRequest& lock);
+  void HandleGetCommits(Session& session, uint64_t request, const GetCommits& get);
+  void HandleRollback(Session& session, uint64_t request, const Rollback& rollback);
+  // The refusal when another session holds `lock`; empty when the session may go on.
+  std::string LockedBy(uint64_t lock, const Session& session, const char* what) const;
+  CommitRecord RecordOf(const Candidate& candidate, const CommitInfo& info, const Session& session,
+                        ChangeCounts* counts) const;
+  // The running configuration as it stood right before commit `first`, as new versions of the
+  // entries changed since and the paths of those to delete. False with *error when the history
+  // does not reach back to it.
+  bool StateBefore(uint64_t first, lyd_node** tree, std::vector<std::string>* deleted,
+                   std::string* error) const;
+
+  // A confirmed commit waiting for its confirmation.
+  struct Confirmation {
+    uint64_t session;
+    std::string persist;
+    uint64_t firstId;  // the first commit that its undoing reverts
+    sd_event_source* timer = nullptr;
+  };
+  std::optional<Confirmation> confirmation;
+  // Commits the server makes on its own (undoing a confirmed commit) are answered to nobody.
+  Session system;
+
+  std::string ConfirmPath() const { return options.stateDir + "/confirm.pending"; }
+  // Arms or extends the confirmation window; remembers it on disk so that a restart undoes it.
+  void ArmConfirmation(Session& session, const CandidateRequest& req, uint64_t firstId);
+  void EndConfirmation();
+  // Restores the configuration from before the confirmed commit, as a new commit.
+  void UndoConfirmed(Session& session, uint64_t request, const std::string& why);
+  static int OnConfirmTimeout(sd_event_source*, uint64_t, void* userdata);
   void HandleAck(Session& session, uint64_t seqNo);
   void HandleGetOperational(Session& session, uint64_t request, const GetOperational& get);
   void HandleDataReply(Session& session, const DataReply& reply);
@@ -192,6 +298,25 @@ bool Server::Impl::Init(std::string* error) {
 
   persisted = std::make_unique<RunningStore>(options.stateDir);
   if (!persisted->Load(store.get(), error)) return false;
+  history = std::make_unique<CommitHistory>(options.stateDir, options.historySize);
+  if (!history->Load(error)) return false;
+  system.server = this;
+  system.id = 0;
+  system.user = "pbr-mgmtd";
+  // A confirmed commit still waiting when the server stopped is undone once the first daemon
+  // has attached, so that it hears the undoing as a commit: a re-attaching daemon applies the
+  // snapshot it is given but drops nothing it holds. Without a daemon, after kRestartGrace.
+  if (std::ifstream pending(ConfirmPath()); pending) {
+    uint64_t firstId = 0;
+    pending >> firstId;
+    if (firstId > 0) {
+      confirmation = Confirmation{system.id, {}, firstId, nullptr};
+      sd_event_add_time_relative(event, &confirmation->timer, CLOCK_MONOTONIC, kRestartGrace, 0,
+                                 OnConfirmTimeout, this);
+    } else {
+      ::unlink(ConfirmPath().c_str());
+    }
+  }
   return Listen(error);
 }
 
@@ -260,6 +385,7 @@ void Server::Impl::Accept() {
     }
     auto session = std::make_unique<Session>();
     session->server = this;
+    session->user = UserName(cred.uid);
     session->id = nextSession++;
     session->fd = fd;
     if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
@@ -330,6 +456,7 @@ void Server::Impl::Send(Session& session, const ServerMessage& message) {
 
 void Server::Impl::Respond(Session& session, uint64_t request, const CommitError* error,
                            std::string data) {
+  if (session.fd < 0) return;  // the server's own commits
   ServerMessage message;
   Response* response = message.mutable_response();
   response->set_id(request);
@@ -356,6 +483,13 @@ void Server::Impl::Close(uint64_t sessionId) {
   sd_event_source_unref(session->io);
   ::close(session->fd);
   if (session->attached) vqmw::Logger().info("{} detached", session->app);
+  // A session's locks end with it, however it ended.
+  if (runningLock == sessionId) runningLock = 0;
+  if (candidateLock == sessionId) candidateLock = 0;
+  // As NETCONF has it: a confirmed commit without a persist id ends with its session.
+  if (confirmation && confirmation->session == sessionId && confirmation->persist.empty()) {
+    UndoConfirmed(system, 0, "its session ended");
+  }
 
   std::vector<uint64_t> done;
   for (auto& [seqNo, pending] : commits) {
@@ -407,6 +541,15 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
       return;
     case ClientMessage::kEdit:
     case ClientMessage::kLoad: {
+      const bool dryRun = message.has_load() && message.load().dry_run();
+      const CommitInfo info{message.has_edit() ? "cli" : "load",
+                            message.has_edit() ? message.edit().comment() : ""};
+      if (const std::string locked = LockedBy(runningLock, session, "running configuration");
+          !locked.empty() && !dryRun) {
+        error = {locked, ""};
+        Respond(session, request, &error);
+        return;
+      }
       auto candidate = message.has_edit()
                            ? store->Prepare(message.edit(), &error)
                            : store->Prepare(std::move(*message.mutable_load()), &error);
@@ -414,9 +557,33 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
         Respond(session, request, &error);
         return;
       }
-      HandleCommit(session, request, std::move(candidate));
+      if (dryRun) {
+        const ChangeCounts counts = store->Count(*candidate);
+        Respond(
+            session, request, nullptr,
+            nlohmann::json{
+                {"added", counts.added}, {"changed", counts.changed}, {"deleted", counts.deleted}}
+                .dump());
+        return;
+      }
+      HandleCommit(session, request, std::move(candidate), info);
       return;
     }
+    case ClientMessage::kCandidateEdit:
+      HandleCandidateEdit(session, request, message.candidate_edit());
+      return;
+    case ClientMessage::kCandidate:
+      HandleCandidate(session, request, message.candidate());
+      return;
+    case ClientMessage::kLock:
+      HandleLock(session, request, message.lock());
+      return;
+    case ClientMessage::kGetCommits:
+      HandleGetCommits(session, request, message.get_commits());
+      return;
+    case ClientMessage::kRollback:
+      HandleRollback(session, request, message.rollback());
+      return;
     case ClientMessage::kGetRunning:
       Respond(session, request, nullptr, store->RunningJson());
       return;
@@ -475,10 +642,21 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
                       session.subscriptions.size(), session.callpoints.size());
 
   SendFrame(session, store->AttachMessage(seq, FramedStream::kHeaderSize));
+  if (confirmation && confirmation->session == system.id) {
+    UndoConfirmed(system, 0, "the server restarted in its confirmation window");
+  }
 }
 
-void Server::Impl::HandleCommit(Session& session, uint64_t request,
-                                std::unique_ptr<Candidate> candidate) {
+uint64_t Server::Impl::HandleCommit(Session& session, uint64_t request,
+                                    std::unique_ptr<Candidate> candidate, const CommitInfo& info) {
+  if (const std::string locked = LockedBy(runningLock, session, "running configuration");
+      !locked.empty()) {
+    CommitError error{locked, ""};
+    Respond(session, request, &error);
+    return 0;
+  }
+  ChangeCounts counts;
+  const CommitRecord commitRecord = RecordOf(*candidate, info, session, &counts);
   const uint64_t seqNo = ++seq;
   // Subscribers hear of the commit in the order of their lowest subscription priority.
   std::vector<std::pair<int32_t, Session*>> order;
@@ -494,7 +672,12 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
   // with nobody to hear of them they are not worked out at all.
   ChangeList changes;
   if (!order.empty()) store->Diff(*candidate, &changes);
-  PendingCommit pending{session.id, request, {}, nullptr};
+  PendingCommit pending{session.id, request, {}, nullptr, {}};
+  pending.data = nlohmann::json{{"id", commitRecord.id()},
+                                {"added", counts.added},
+                                {"changed", counts.changed},
+                                {"deleted", counts.deleted}}
+                     .dump();
   for (auto& [priority, subscriber] : order) {
     std::vector<ChangeList::Delivery> deliveries;
     for (size_t i = 0; i < subscriber->subscriptions.size(); ++i) {
@@ -522,6 +705,14 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
   JournalRecord record = store->Record(candidate.get());
   store->Apply(std::move(candidate));
   std::string why;
+  CommitRecord entry = commitRecord;
+  *entry.mutable_after() = record;
+  if (!history->Append(entry, &why)) {
+    vqmw::Logger().error("commit {} is left out of the history: {}", entry.id(), why);
+  }
+  vqmw::Logger().info("commit {} by {} ({}): {} added, {} changed, {} deleted", entry.id(),
+                      entry.user(), entry.client(), counts.added, counts.changed, counts.deleted);
+  why.clear();
   const bool saved = persisted->Append(std::move(record), &why);
   if (saved && persisted->CompactionDue() && !compaction) {
     // Rewriting the whole configuration waits until the commit has been answered.
@@ -533,14 +724,365 @@ void Server::Impl::HandleCommit(Session& session, uint64_t request,
     Respond(session, request, &error);
   }
   if (!saved || pending.waiting.empty()) {
-    if (saved) Respond(session, request, nullptr);
-    return;
+    if (saved) Respond(session, request, nullptr, pending.data);
+    return commitRecord.id();
   }
   sd_event_add_time_relative(
       event, &pending.timer, CLOCK_MONOTONIC,
       std::chrono::duration_cast<std::chrono::microseconds>(options.ackTimeout).count(), 0,
       OnAckTimeout, this);
   commits.emplace(seqNo, std::move(pending));
+  return commitRecord.id();
+}
+
+CommitRecord Server::Impl::RecordOf(const Candidate& candidate, const CommitInfo& info,
+                                    const Session& session, ChangeCounts* counts) const {
+  CommitRecord record;
+  record.set_id(history->NextId());
+  record.set_time(static_cast<int64_t>(::time(nullptr)));
+  record.set_user(session.user);
+  record.set_client(info.client);
+  record.set_comment(info.comment);
+  TreeOwner before;
+  store->ForEachChange(candidate, [&](const lyd_node* old, const lyd_node* entry) {
+    if (!old) {
+      ++counts->added;
+      record.add_created(Path(entry));
+      return;
+    }
+    ++(entry ? counts->changed : counts->deleted);
+    if (!candidate.whole) CopyEntry(&before.tree, old);
+  });
+  record.set_before_json(candidate.whole ? store->RunningJson(true) : PrintJson(before.tree, true));
+  return record;
+}
+
+std::string Server::Impl::LockedBy(uint64_t lock, const Session& session, const char* what) const {
+  if (lock == 0 || lock == session.id) return {};
+  auto holder = sessions.find(lock);
+  const std::string user = holder != sessions.end() ? holder->second->user : "?";
+  return std::string("the ") + what + " is locked by session " + std::to_string(lock) + " (user " +
+         user + ")";
+}
+
+void Server::Impl::HandleCandidateEdit(Session& session, uint64_t request,
+                                       const CandidateEdit& edit) {
+  CommitError error;
+  if (const std::string locked = LockedBy(candidateLock, session, "candidate"); !locked.empty()) {
+    error = {locked, ""};
+    Respond(session, request, &error);
+    return;
+  }
+  if (!session.candidate) {
+    session.candidate = std::make_unique<SessionCandidate>(ctx.get(), store.get());
+  }
+  if (!session.candidate->Edit(edit.operation(), &error)) {
+    Respond(session, request, &error);
+    return;
+  }
+  Respond(session, request, nullptr);
+}
+
+void Server::Impl::HandleCandidate(Session& session, uint64_t request,
+                                   const CandidateRequest& req) {
+  CommitError error;
+  SessionCandidate* candidate = session.candidate.get();
+  const bool empty = !candidate || candidate->empty();
+  switch (req.kind()) {
+    case CandidateRequest::SHOW:
+      Respond(session, request, nullptr,
+              ChangesJson(empty ? std::vector<ChangeLine>{} : candidate->Changes()));
+      return;
+    case CandidateRequest::DISCARD:
+      if (candidate) candidate->Clear();
+      Respond(session, request, nullptr);
+      return;
+    case CandidateRequest::UPDATE:
+      if (!empty && !candidate->Update(&error)) {
+        error.message =
+            "the candidate does not apply to the running configuration: " + error.message;
+        Respond(session, request, &error);
+        return;
+      }
+      Respond(session, request, nullptr);
+      return;
+    case CandidateRequest::VALIDATE:
+    case CandidateRequest::COMMIT: {
+      const bool commit = req.kind() == CandidateRequest::COMMIT;
+      const bool mine =
+          confirmation && (confirmation->session == session.id ||
+                           (!req.persist().empty() && req.persist() == confirmation->persist));
+      if (commit && confirmation && !mine && req.has_confirm_timeout()) {
+        error = {"a confirmed commit of session " + std::to_string(confirmation->session) +
+                     " is pending; only it, or its persist id, may extend it",
+                 ""};
+        Respond(session, request, &error);
+        return;
+      }
+      if (empty) {
+        if (commit && mine) {
+          // Nothing new: a plain commit confirms, a confirmed one extends the window.
+          if (req.has_confirm_timeout()) {
+            ArmConfirmation(session, req, confirmation->firstId);
+          } else {
+            EndConfirmation();
+          }
+          Respond(session, request, nullptr,
+                  req.has_confirm_timeout() ? R"({"extended":true})" : R"({"confirmed":true})");
+          return;
+        }
+        Respond(session, request, nullptr, commit ? "{}" : "");
+        return;
+      }
+      if (const std::string locked = LockedBy(candidateLock, session, "candidate");
+          !locked.empty() && commit) {
+        error = {locked, ""};
+        Respond(session, request, &error);
+        return;
+      }
+      if (const std::vector<std::string> conflicts = candidate->Conflicts(); !conflicts.empty()) {
+        std::string list;
+        for (const std::string& c : conflicts) list += (list.empty() ? "" : ", ") + c;
+        error = {"changed by another commit since the candidate touched it: " + list +
+                     "; update the candidate or discard it",
+                 conflicts.front()};
+        Respond(session, request, &error);
+        return;
+      }
+      auto prepared = candidate->Prepare(&error);
+      if (!prepared) {
+        Respond(session, request, &error);
+        return;
+      }
+      if (!commit) {
+        Respond(session, request, nullptr);
+        return;
+      }
+      const uint64_t id =
+          HandleCommit(session, request, std::move(prepared), {"cli", req.comment()});
+      if (id == 0) return;  // refused: nothing is armed, the candidate stays
+      candidate->Clear();
+      if (req.has_confirm_timeout()) {
+        ArmConfirmation(session, req, confirmation ? confirmation->firstId : id);
+      } else if (mine) {
+        EndConfirmation();
+      }
+      return;
+    }
+    case CandidateRequest::CONFIRM:
+    case CandidateRequest::ABORT: {
+      const bool mine =
+          confirmation && (confirmation->session == session.id ||
+                           (!req.persist().empty() && req.persist() == confirmation->persist));
+      if (!mine) break;
+      if (req.kind() == CandidateRequest::CONFIRM) {
+        EndConfirmation();
+        Respond(session, request, nullptr);
+      } else {
+        UndoConfirmed(session, request, "aborted");
+      }
+      return;
+    }
+    default:
+      break;
+  }
+  error = {"no confirmed commit of this session is pending", ""};
+  Respond(session, request, &error);
+}
+
+void Server::Impl::ArmConfirmation(Session& session, const CandidateRequest& req,
+                                   uint64_t firstId) {
+  if (!confirmation) {
+    confirmation = Confirmation{session.id, req.persist(), firstId, nullptr};
+    const std::string tmp = ConfirmPath() + ".tmp";
+    std::ofstream(tmp) << firstId << "\n";
+    std::rename(tmp.c_str(), ConfirmPath().c_str());
+  } else {
+    confirmation->session = session.id;
+    if (!req.persist().empty()) confirmation->persist = req.persist();
+  }
+  confirmation->timer = sd_event_source_unref(confirmation->timer);
+  sd_event_add_time_relative(event, &confirmation->timer, CLOCK_MONOTONIC,
+                             uint64_t{req.confirm_timeout()} * 1000000u, 0, OnConfirmTimeout, this);
+  vqmw::Logger().info("commit {} awaits confirmation within {} s", firstId, req.confirm_timeout());
+}
+
+void Server::Impl::EndConfirmation() {
+  if (!confirmation) return;
+  sd_event_source_unref(confirmation->timer);
+  vqmw::Logger().info("commit {} confirmed", confirmation->firstId);
+  confirmation.reset();
+  ::unlink(ConfirmPath().c_str());
+}
+
+int Server::Impl::OnConfirmTimeout(sd_event_source*, uint64_t, void* userdata) {
+  auto* impl = static_cast<Impl*>(userdata);
+  const bool restarted = impl->confirmation->session == impl->system.id;
+  impl->UndoConfirmed(
+      impl->system, 0,
+      restarted ? "the server restarted in its confirmation window" : "not confirmed in time");
+  return 0;
+}
+
+void Server::Impl::UndoConfirmed(Session& session, uint64_t request, const std::string& why) {
+  const uint64_t firstId = confirmation->firstId;
+  sd_event_source_unref(confirmation->timer);
+  confirmation.reset();
+  ::unlink(ConfirmPath().c_str());
+  CommitError error;
+  lyd_node* tree = nullptr;
+  std::vector<std::string> deleted;
+  std::unique_ptr<Candidate> candidate;
+  if (StateBefore(firstId, &tree, &deleted, &error.message)) {
+    candidate = store->PrepareEntries(tree, deleted, &error);
+  }
+  if (!candidate) {
+    vqmw::Logger().error("cannot undo confirmed commit {}: {}", firstId, error.message);
+    Respond(session, request, &error);
+    return;
+  }
+  vqmw::Logger().info("undoing confirmed commit {}: {}", firstId, why);
+  // Locks do not hold the undoing back: the holder's commit was the one to be confirmed.
+  const uint64_t locked = std::exchange(runningLock, 0);
+  HandleCommit(session, request, std::move(candidate),
+               {"cli", "undo of commit " + std::to_string(firstId) + ": " + why});
+  if (sessions.count(locked)) runningLock = locked;
+}
+
+void Server::Impl::HandleLock(Session& session, uint64_t request, const LockRequest& lock) {
+  uint64_t& holder = lock.target() == LockRequest::CANDIDATE ? candidateLock : runningLock;
+  const char* what =
+      lock.target() == LockRequest::CANDIDATE ? "candidate" : "running configuration";
+  CommitError error;
+  if (lock.unlock()) {
+    if (holder != session.id) {
+      error = {std::string("this session does not hold the lock of the ") + what, ""};
+      Respond(session, request, &error);
+      return;
+    }
+    holder = 0;
+    Respond(session, request, nullptr);
+    return;
+  }
+  if (const std::string locked = LockedBy(holder, session, what); !locked.empty()) {
+    error = {locked, ""};
+    Respond(session, request, &error);
+    return;
+  }
+  // As with NETCONF, the candidate cannot be locked while another session holds changes.
+  if (lock.target() == LockRequest::CANDIDATE) {
+    for (const auto& [id, other] : sessions) {
+      if (id != session.id && other->candidate && !other->candidate->empty()) {
+        error = {
+            "session " + std::to_string(id) + " (user " + other->user + ") has uncommitted changes",
+            ""};
+        Respond(session, request, &error);
+        return;
+      }
+    }
+  }
+  holder = session.id;
+  vqmw::Logger().info("session {} (user {}) locked the {}", session.id, session.user, what);
+  Respond(session, request, nullptr, nlohmann::json{{"session", session.id}}.dump());
+}
+
+void Server::Impl::HandleGetCommits(Session& session, uint64_t request, const GetCommits& get) {
+  if (!get.has_id()) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const CommitHistory::Summary& s : history->summaries()) {
+      list.push_back({{"id", s.id},
+                      {"time", IsoTime(s.time)},
+                      {"user", s.user},
+                      {"client", s.client},
+                      {"comment", s.comment}});
+    }
+    Respond(session, request, nullptr, list.dump(2) + "\n");
+    return;
+  }
+  const std::optional<CommitRecord> record = history->Read(get.id());
+  if (!record) {
+    CommitError error{"no commit " + std::to_string(get.id()) + " in the history", ""};
+    Respond(session, request, &error);
+    return;
+  }
+  TreeOwner before, after;
+  const uint32_t parse = LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE;
+  lyd_parse_data_mem(ctx.get(), record->before_json().c_str(), LYD_JSON, parse, 0, &before.tree);
+  lyd_parse_data_mem(ctx.get(), record->after().json().c_str(), LYD_JSON, parse, 0, &after.tree);
+  std::vector<ChangeLine> lines = TreeChanges(before.tree, after.tree);
+  Respond(session, request, nullptr, ChangesJson(lines));
+}
+
+bool Server::Impl::StateBefore(uint64_t first, lyd_node** tree, std::vector<std::string>* deleted,
+                               std::string* error) const {
+  const auto& kept = history->summaries();
+  if (first > history->NextId() ||
+      (first < history->NextId() && (kept.empty() || first < kept.front().id))) {
+    *error = "commit " + std::to_string(first - 1) + " is not in the history" +
+             (kept.empty() ? ""
+                           : " (kept: " + std::to_string(kept.front().id) + " to " +
+                                 std::to_string(kept.back().id) + ")");
+    return false;
+  }
+  // Newest first, so that an entry ends as the oldest later commit found it.
+  std::map<std::string, lyd_node*> target;
+  std::vector<TreeOwner> trees(kept.size());
+  size_t used = 0;
+  for (auto it = kept.rbegin(); it != kept.rend() && it->id >= first; ++it) {
+    const std::optional<CommitRecord> record = history->Read(it->id);
+    if (!record) {
+      *error = "cannot read commit " + std::to_string(it->id) + " from the history";
+      return false;
+    }
+    lyd_node*& before = trees[used++].tree;
+    if (lyd_parse_data_mem(ctx.get(), record->before_json().c_str(), LYD_JSON,
+                           LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, LYD_VALIDATE_NO_STATE,
+                           &before) != LY_SUCCESS) {
+      *error = "cannot read commit " + std::to_string(it->id) + " from the history";
+      return false;
+    }
+    for (const std::string& path : record->created()) target[path] = nullptr;
+    for (lyd_node* top = before; top; top = top->next) {
+      for (lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
+        if (entry->schema->nodetype == LYS_LIST) target[Path(entry)] = entry;
+      }
+    }
+  }
+  for (const auto& [path, entry] : target) {
+    if (entry) {
+      CopyEntry(tree, entry);
+    } else {
+      deleted->push_back(path);
+    }
+  }
+  return true;
+}
+
+void Server::Impl::HandleRollback(Session& session, uint64_t request, const Rollback& rollback) {
+  CommitError error;
+  lyd_node* tree = nullptr;
+  std::vector<std::string> deleted;
+  if (rollback.id() == 0 || rollback.id() >= history->NextId() ||
+      !StateBefore(rollback.id() + 1, &tree, &deleted, &error.message)) {
+    if (error.message.empty()) error.message = "no commit " + std::to_string(rollback.id());
+    Respond(session, request, &error);
+    return;
+  }
+  auto candidate = store->PrepareEntries(tree, deleted, &error);
+  if (!candidate) {
+    Respond(session, request, &error);
+    return;
+  }
+  if (rollback.dry_run()) {
+    std::vector<ChangeLine> lines;
+    store->ForEachChange(*candidate, [&](const lyd_node* old, const lyd_node* entry) {
+      EntryChanges(old, entry, &lines);
+    });
+    Respond(session, request, nullptr, ChangesJson(lines));
+    return;
+  }
+  HandleCommit(session, request, std::move(candidate),
+               {"cli", "rollback to " + std::to_string(rollback.id())});
 }
 
 int Server::Impl::OnCompact(sd_event_source*, void* userdata) {
@@ -578,7 +1120,7 @@ void Server::Impl::HandleAck(Session& session, uint64_t seqNo) {
 void Server::Impl::FinishCommitIfDone(uint64_t seqNo) {
   auto it = commits.find(seqNo);
   if (it == commits.end() || !it->second.waiting.empty()) return;
-  RespondTo(it->second.session, it->second.request, nullptr);
+  RespondTo(it->second.session, it->second.request, nullptr, it->second.data);
   sd_event_source_unref(it->second.timer);
   commits.erase(it);
 }

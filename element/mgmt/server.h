@@ -17,6 +17,8 @@ struct ServerOptions {
   std::string stateDir;    // running.json
   // How long a commit waits for its subscribers' acknowledgements before it is answered.
   std::chrono::milliseconds ackTimeout{10000};
+  // How many commits the history keeps at least.
+  size_t historySize = 100;
 };
 
 class Server {

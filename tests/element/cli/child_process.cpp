@@ -26,7 +26,8 @@ void Pipe(int fds[2]) {
 
 }  // namespace
 
-Child::Child(std::vector<std::string> argv, std::string input) : input_(std::move(input)) {
+Child::Child(std::vector<std::string> argv, std::string input, bool keepInput)
+    : input_(std::move(input)), keepInput_(keepInput) {
   int in[2], out[2], err[2];
   Pipe(in);
   Pipe(out);
@@ -60,7 +61,7 @@ Child::Child(std::vector<std::string> argv, std::string input) : input_(std::mov
     throw std::runtime_error("cannot start " + argv[0]);
   }
   ::fcntl(in_, F_SETFL, O_NONBLOCK);
-  if (input_.empty()) {
+  if (input_.empty() && !keepInput_) {
     ::close(in_);
     in_ = -1;
   }
@@ -88,8 +89,9 @@ bool Child::Pump(std::chrono::milliseconds wait, int extraFd,
   if (out_fd_ >= 0) fds[n++] = {out_fd_, POLLIN, 0};
   const int errAt = err_fd_ >= 0 ? n : -1;
   if (err_fd_ >= 0) fds[n++] = {err_fd_, POLLIN, 0};
-  const int inAt = in_ >= 0 ? n : -1;
-  if (in_ >= 0) fds[n++] = {in_, POLLOUT, 0};
+  const bool writing = in_ >= 0 && inputOffset_ < input_.size();
+  const int inAt = writing ? n : -1;
+  if (writing) fds[n++] = {in_, POLLOUT, 0};
   const int extraAt = extraFd >= 0 ? n : -1;
   if (extraFd >= 0) fds[n++] = {extraFd, POLLIN, 0};
   if (out_fd_ < 0 && err_fd_ < 0) return false;
@@ -110,12 +112,28 @@ bool Child::Pump(std::chrono::milliseconds wait, int extraFd,
   if (inAt >= 0 && fds[inAt].revents) {
     const ssize_t put = ::write(in_, input_.data() + inputOffset_, input_.size() - inputOffset_);
     if (put > 0) inputOffset_ += static_cast<size_t>(put);
-    if (put < 0 || inputOffset_ == input_.size()) {
+    if (put < 0 || (inputOffset_ == input_.size() && !keepInput_)) {
       ::close(in_);
       in_ = -1;
     }
   }
   if (extraAt >= 0 && fds[extraAt].revents && onReadable) onReadable();
+  return true;
+}
+
+void Child::Send(const std::string& text) {
+  input_ += text;
+  while (in_ >= 0 && inputOffset_ < input_.size() && Pump(std::chrono::milliseconds(100), -1, {})) {
+  }
+}
+
+bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
+  const Clock::time_point deadline = Clock::now() + timeout;
+  while (out_.find(text) == std::string::npos && err_.find(text) == std::string::npos) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0 || !Pump(left, -1, {})) return false;
+  }
   return true;
 }
 

@@ -19,9 +19,9 @@ struct ChildResult {
 
 class Child {
  public:
-  // Starts `argv` (argv[0] a path, or a name looked up on PATH); `input` is written to its stdin,
-  // which is then closed.
-  Child(std::vector<std::string> argv, std::string input = {});
+  // Starts `argv` (argv[0] a path, or a name looked up on PATH); `input` is written to its stdin, which is then closed
+  // unless `keepInput` is set (then Send writes more, and the destructor closes it).
+  Child(std::vector<std::string> argv, std::string input = {}, bool keepInput = false);
   ~Child();  // kills a child still running
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -31,6 +31,9 @@ class Child {
 
   // Reads output until `fd` is readable; false after `timeout` or when the child ends first.
   bool WaitReadable(int fd, std::chrono::milliseconds timeout);
+
+  // Writes `text` to the stdin of a child started with keepInput.
+  void Send(const std::string& text);
 
   void Signal(int signal);
   const std::string& out() const { return out_; }
@@ -44,6 +47,7 @@ class Child {
   int in_ = -1, out_fd_ = -1, err_fd_ = -1;
   std::string input_;
   size_t inputOffset_ = 0;
+  bool keepInput_ = false;
   std::string out_, err_;
 };
 

@@ -13,6 +13,9 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <thread>
+
+#include <nlohmann/json.hpp>
 
 #include "tests/element/cli/child_process.h"
 #include "tests/element/cli/golden.h"
@@ -200,6 +203,178 @@ TEST_F(CliE2e, ShellCollectsChangesInACandidateAndCommitsThemAsOne) {
   EXPECT_EQ(r.status, kUsage);  // the last failure: "bogus"
 }
 
+// An interactive pbr-cli kept open, fed command by command.
+std::unique_ptr<pbrtest::Child> Shell() {
+  return std::make_unique<pbrtest::Child>(std::vector<std::string>{PBR_CLI_BIN}, "", true);
+}
+
+// Sends `commands` to a shell and waits for `expect` in its output.
+void Type(pbrtest::Child& shell, const std::string& commands, const std::string& expect) {
+  shell.Send(commands);
+  EXPECT_TRUE(shell.WaitForOutput(expect, 20s)) << shell.out() << shell.err();
+}
+
+TEST_F(CliE2e, ConcurrentCandidatesCommitDisjointRulesAndRefuseConflicts) {
+  ExpectOk(Cli({"set", "/router/pbr{20}/rule/priority", "2", "--", "set",
+                "/router/pbr{30}/rule/priority", "3"}));
+  auto a = Shell(), b = Shell();
+  Type(*a,
+       "set /router/pbr{20}/rule/priority 21\nset /router/pbr{31}/rule/priority 4\n"
+       "show candidate\n",
+       "set /router/pbr{31}/rule/priority 4\n");
+  EXPECT_THAT(a->out(), StartsWith("set /router/pbr{20}/rule/priority 21\n"));
+  Type(*b, "delete /router/pbr{20}\nset /router/pbr{30}/rule/priority 33\ncommit\n", "committed");
+
+  // A's change to rule 20 would bring it back as a priority-only rule: refused, nothing applied.
+  Type(*a, "commit\n", "error: /router/pbr{20}: changed by another commit");
+  EXPECT_THAT(Running(), Not(HasSubstr("\"id\": 31")));
+  // Commits on different rules both go through; a delete of a rule only set in the candidate
+  // takes it out again.
+  Type(*a,
+       "discard\nset /router/pbr{31}/rule/priority 4\nset /router/pbr{32}/rule/priority 5\n"
+       "delete /router/pbr{32}\nvalidate\n",
+       "valid");
+  Type(*b, "set /router/pbr{30}/rule/priority 34\ncommit\n", "committed (commit 3)");
+  Type(*a, "show candidate --json\ncommit comment \"rule 31\"\n", "committed");
+  EXPECT_THAT(a->out(), HasSubstr(R"("path": "/router/pbr{31}/rule/priority")"));
+  EXPECT_THAT(a->out(), Not(HasSubstr("pbr{32}")));
+  const std::string running = Running();
+  EXPECT_THAT(running, HasSubstr("\"id\": 31"));
+  EXPECT_THAT(running, HasSubstr("\"priority\": 34"));
+  EXPECT_THAT(running, Not(HasSubstr("\"id\": 20")));
+  EXPECT_THAT(running, Not(HasSubstr("\"id\": 32")));
+
+  // A lock refuses every other session's commit, naming its holder, until its process dies.
+  Type(*b, "lock\n", "locked");
+  const ChildResult refused = Cli({"set", "/router/pbr{40}/rule/priority", "1"});
+  EXPECT_EQ(refused.status, kRefused);
+  EXPECT_THAT(refused.err, HasSubstr("locked by session"));
+  EXPECT_THAT(refused.err, HasSubstr("(user "));
+  Type(*a, "set /router/pbr{41}/rule/priority 1\ncommit\n", "locked by session");
+  b->Signal(SIGKILL);
+  b->Finish(10s);
+  ExpectOk(Cli({"set", "/router/pbr{40}/rule/priority", "1"}));
+  Type(*a, "commit\n", "committed");
+  EXPECT_THAT(Running(), HasSubstr("\"id\": 41"));
+}
+
+TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
+  ExpectOk(Cli({"set", "/router/pbr{1}/rule/priority", "1", "--", "set",
+                "/router/pbr{2}/rule/priority", "2"}));
+  const std::string afterFirst = Running();
+  ExpectOk(Cli({"delete", "/router/pbr{1}", "--", "set", "/router/pbr{2}/rule/priority", "22"}));
+  const std::string doc =
+      WriteFile("one.json", R"({"pbr:router": {"pbr": [{"id": 3, "rule": {"priority": 3}}]}})");
+  const ChildResult dry = Cli({"load", "replace", doc, "--dry-run"});
+  EXPECT_EQ(dry.out, "1 rules added, 0 changed, 1 deleted (dry run: nothing committed)\n");
+  const ChildResult load = Cli({"load", "replace", doc});
+  EXPECT_EQ(load.out, "1 rules added, 0 changed, 1 deleted\n");
+
+  struct Case {
+    std::vector<std::string> args;
+    std::string out;
+  };
+  const std::vector<Case> cases = {
+      {{"show", "commit", "2"}, "delete /router/pbr{1}\nset /router/pbr{2}/rule/priority 22\n"},
+      {{"rollback", "1", "--dry-run"},
+       "set /router/pbr{1}/rule/priority 1\nset /router/pbr{2}/rule/priority 2\n"
+       "delete /router/pbr{3}\n"},
+      {{"rollback", "1"}, "committed (commit 4)\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args[0]);
+    const ChildResult r = Cli(c.args);
+    ExpectOk(r);
+    EXPECT_EQ(r.out, c.out);
+  }
+  EXPECT_EQ(Running(), afterFirst);
+
+  server_->Signal(SIGTERM);
+  server_->Finish(10s);
+  std::string error;
+  server_ = pbrtest::StartService({PBR_MGMTD_BIN}, (env_.root() / "notify").string(), &error);
+  ASSERT_TRUE(server_) << error;
+  const ChildResult list = Cli({"show", "commits", "--json"});
+  ExpectOk(list);
+  const auto commits = nlohmann::json::parse(list.out);
+  ASSERT_EQ(commits.size(), 4u);
+  EXPECT_EQ(commits[2]["client"], "load");
+  EXPECT_EQ(commits[3]["comment"], "rollback to 1");
+  EXPECT_FALSE(commits[0]["user"].get<std::string>().empty());
+  EXPECT_EQ(Cli({"show", "commit", "9"}).status, kRefused);
+  ExpectOk(Cli({"set", "/router/pbr{5}/rule/priority", "5"}));
+  EXPECT_EQ(nlohmann::json::parse(Cli({"show", "commits", "--json"}).out).back()["id"], 5);
+}
+
+// The rule ids the memory backend holds, once they are `want` (waits for its paced rewrite).
+std::string BackendIds(const std::string& stateDir, const std::string& want) {
+  std::string ids;
+  for (int i = 0; i < 100 && ids != want; ++i) {
+    std::this_thread::sleep_for(100ms);
+    std::ifstream file(stateDir + "/pbr-manager.json");
+    const auto state = nlohmann::json::parse(file, nullptr, false);
+    if (!state.is_object()) continue;
+    ids.clear();
+    for (const auto& rule : state["rules"]) ids += std::to_string(rule["id"].get<int>()) + " ";
+  }
+  return ids;
+}
+
+TEST_F(CliE2e, ConfirmedCommitsNotConfirmedEndInThePreviousConfigurationEverywhere) {
+  std::string error;
+  auto app = pbrtest::StartService({PBR_APP_BIN}, (env_.root() / "app-notify").string(), &error);
+  ASSERT_TRUE(app) << error;
+  ExpectOk(Cli({"set", "/router/pbr{1}/rule/priority", "1"}));
+  const std::string before = Running();
+  struct Case {
+    const char* what;
+    std::string commands;
+    std::string expect;
+    bool killServer = false;
+  };
+  const std::string edit = "set /router/pbr{2}/rule/priority 2\n";
+  const std::vector<Case> cases = {
+      {"timeout", edit + "commit confirmed 1\nshow running\n", "pbr{2}"},
+      {"extended, then aborted", edit + "commit confirmed 1\ncommit confirmed 60\nabort\n",
+       "aborted"},
+      {"server killed", edit + "commit confirmed 60\n", "unless confirmed", true},
+      {"refused", "set /router/pbr{2}/rule/description x\ncommit confirmed 1\nconfirm\n",
+       "no confirmed commit of this session is pending"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto shell = Shell();
+    Type(*shell, c.commands, c.expect);
+    if (c.killServer) {
+      server_->Signal(SIGKILL);
+      server_->Finish(10s);
+      server_ = pbrtest::StartService({PBR_MGMTD_BIN}, (env_.root() / "notify").string(), &error);
+      ASSERT_TRUE(server_) << error;
+    }
+    for (int i = 0; i < 50 && Running() != before; ++i) std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(Running(), before);
+    EXPECT_EQ(BackendIds(env_.StateDir(), "1 "), "1 ");
+  }
+  // Confirmed in time, it stays.
+  auto shell = Shell();
+  Type(*shell, edit + "commit confirmed 1\nconfirm\n", "confirmed");
+  std::this_thread::sleep_for(1500ms);
+  EXPECT_EQ(BackendIds(env_.StateDir(), "1 2 "), "1 2 ");
+}
+
+TEST_F(CliE2e, AShellAcrossARestartSaysItsCandidateIsGone) {
+  auto shell = Shell();
+  Type(*shell, "set /router/pbr{1}/rule/priority 1\nshow candidate\n", "priority 1\n");
+  server_->Signal(SIGTERM);
+  server_->Finish(10s);
+  std::string error;
+  server_ = pbrtest::StartService({PBR_MGMTD_BIN}, (env_.root() / "notify").string(), &error);
+  ASSERT_TRUE(server_) << error;
+  Type(*shell, "commit\n", "nothing of the candidate was committed");
+  Type(*shell, "set /router/pbr{2}/rule/priority 2\ncommit\n", "committed");
+  EXPECT_THAT(Running(), Not(HasSubstr("\"id\": 1,")));
+}
+
 // Without the fixture's server: what the CLI says when there is none or it does not answer.
 TEST(CliWithoutServer, NoServerAndASilentServerAreReportedWithinTheTimeout) {
   pbrtest::ElementEnv env;
@@ -221,7 +396,9 @@ TEST(CliWithoutServer, NoServerAndASilentServerAreReportedWithinTheTimeout) {
   const auto start = std::chrono::steady_clock::now();
   const ChildResult r = Cli({"--timeout", "0.3", "set", "/router/pbr{1}/rule/priority", "1"});
   EXPECT_EQ(r.status, kUnreachable);
-  EXPECT_EQ(r.err, "error: the management server did not answer within 300 ms\n");
+  EXPECT_EQ(r.err,
+            "error: the management server did not answer within 300 ms; whether it was applied "
+            "is unknown (see show commits)\n");
   EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
   // The shell reports each command and goes on.
   const ChildResult shell = Cli({"--timeout", "0.2"}, "show running\nshow pbr\n");

@@ -101,6 +101,23 @@ TEST(CommandContext, ShellCommandsExistOnlyInTheShell) {
   EXPECT_FALSE(Parse(Words{"--help"}, Context::kShell).command.has_value());
 }
 
+TEST(CommandContext, CommitTakesAConfirmationWindowAndAComment) {
+  const auto commit = [](Words words) { return As<Commit>(Parse(words, Context::kShell)); };
+  EXPECT_EQ(commit({"commit", "confirmed"}).confirmSeconds, 600u);
+  const Commit both = commit({"commit", "confirmed", "30", "comment", "two words"});
+  EXPECT_EQ(both.confirmSeconds, 30u);
+  EXPECT_EQ(both.comment, "two words");
+  EXPECT_FALSE(commit({"commit", "comment", "x"}).confirmSeconds.has_value());
+  for (const Words& bad : std::vector<Words>{{"commit", "confirmed", "0"},
+                                             {"commit", "comment"},
+                                             {"rollback"},
+                                             {"rollback", "x"},
+                                             {"lock", "everything"}}) {
+    EXPECT_FALSE(Parse(bad, Context::kShell).command.has_value()) << bad.back();
+  }
+  EXPECT_TRUE(As<RollbackCommand>(ParseOneShot({"rollback", "4", "--dry-run"})).dryRun);
+}
+
 Words Split(std::string_view line) {
   Words words;
   std::string error;

@@ -132,6 +132,26 @@ TEST_F(AttachCommitTest, CommitsArriveAsChangeCallbacksBetweenStartAndApply) {
   EXPECT_EQ(ElementEnv::Read(env_.StateDir() + "/running.json"), stored);
 }
 
+TEST_F(AttachCommitTest, ARollbackReachesTheDaemonAsTheChangesOfItsDiff) {
+  StartAll();
+  ExpectOk(op_->Merge(kTwoRules));
+  ExpectOk(op_->Edit("/router/pbr{10}/rule/priority", "5"));
+  ExpectOk(op_->Delete("/router/pbr{20}"));
+  pbr::mgmt::ClientMessage rollback;
+  rollback.mutable_rollback()->set_id(1);
+  ExpectOk(op_->Call(rollback));
+  EXPECT_THAT(
+      config_->LastCommit(),
+      ElementsAre("MOP_MODIFIED /router/pbr{10}", "MOP_VALUE_SET /router/pbr{10}/rule/priority 1",
+                  "MOP_CREATED /router/pbr{20}", "MOP_VALUE_SET /router/pbr{20}/id 20",
+                  "MOP_VALUE_SET /router/pbr{20}/rule/priority 2",
+                  "MOP_CREATED /router/pbr{20}/rule/match/interface{eth2}",
+                  "MOP_CREATED /router/pbr{20}/rule/match/interface{eth1}",
+                  "MOP_VALUE_SET "
+                  "/router/pbr{20}/rule/match/destination/ipv4-address/no-mask/ip "
+                  "192.0.2.1"));
+}
+
 TEST_F(AttachCommitTest, TheSubscriberReattachesWithTheLastCommitWhenAKilledServerReturns) {
   StartAll();
   ExpectOk(op_->Merge(R"({"pbr:router":{"pbr":[{"id":3,"rule":{"priority":30}}]}})"));
