@@ -41,6 +41,13 @@ class Session {
   // candidate, which commit sends and discard drops.
   int Run(const Command& command, Context context);
 
+  // The running configuration as RFC 7951 JSON; prints the failure and returns its status when
+  // it cannot be had.
+  int RunningJson(std::string* json);
+
+  // The schema, loaded on first use; null (reported once) when it cannot be loaded.
+  ly_ctx* Schema();
+
   const std::vector<mgmt::EditOperation>& candidate() const { return candidate_; }
   bool exitRequested() const { return exitRequested_; }
 
@@ -51,8 +58,6 @@ class Session {
   // Prints a refusal and returns kExitFailed; kExitOk for an accepted answer. `file`: the
   // refused input was this file.
   int Refusal(const mgmt::Response& response, std::string_view file = {});
-  // The schema, loaded on first use; null (reported once) when it cannot be loaded.
-  ly_ctx* Schema();
 
   int ShowRunningConfig(const ShowRunning& show);
   int ShowStatus(const ShowPbr& show);
