@@ -156,7 +156,7 @@ TEST_F(CliE2e, InvalidConfigurationsAreRefusedWithPathAndReasonAndChangeNothing)
       {"33-character description",
        {"set", "/router/pbr{7}/rule/description", std::string(33, 'x')},
        "/router/pbr/rule/description",
-       "Unsatisfied length"},
+       "at most 32 bytes"},
       {"prefix length 33",
        {"set", "/router/pbr{7}/rule/match/source/ipv4-address/mask/ip", "10.1.0.0/33"},
        "/router/pbr/rule/match/source/ipv4-address/mask/ip",
@@ -164,7 +164,7 @@ TEST_F(CliE2e, InvalidConfigurationsAreRefusedWithPathAndReasonAndChangeNothing)
       {"bad host address",
        {"set", "/router/pbr{7}/rule/action/next-hop/ip", "10.0.0.256"},
        "/router/pbr/rule/action/next-hop/ip",
-       "\"10.0.0.256\" does not conform"},
+       "10.0.0.256 is not an IPv4 address"},
       {"bad masked address",
        {"set", "/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip", "10.1.0/16"},
        "/router/pbr/rule/match/destination/ipv4-address/mask/ip",
@@ -178,7 +178,7 @@ TEST_F(CliE2e, InvalidConfigurationsAreRefusedWithPathAndReasonAndChangeNothing)
       {"id 70000",
        {"set", "/router/pbr{70000}/rule/priority", "1"},
        "/router/pbr/id",
-       "out of the allowed range"},
+       "70000 is out of range 0..65535"},
       {"unknown node",
        {"set", "/router/pbr{7}/rule/colour", "red"},
        "/router/pbr/rule/colour",
@@ -285,6 +285,25 @@ TEST_F(CliE2e, ShellCollectsChangesInACandidateAndCommitsThemAsOne) {
   ExpectGolden("e2e_shell.out", r.out);
   ExpectGolden("e2e_shell.err", r.err);
   EXPECT_EQ(r.status, kUsage);  // the last failure: "bogus"
+}
+
+TEST_F(CliE2e, RunningConfigurationAsSetCommandsOrXmlLoadsBack) {
+  ExpectOk(Cli(kRule7));
+  ExpectOk(Cli({"set", "/router/pbr{65535}/rule/priority", "0", "--", "set",
+                "/router/pbr{65535}/rule/match/source/ipv4-address/no-mask/ip", "0.0.0.0"}));
+  const std::string before = Running();
+  const ChildResult set = Cli({"show", "running", "--format", "set"});
+  ExpectOk(set);
+  const ChildResult xml = Cli({"show", "running", "--format", "xml"});
+  ExpectOk(xml);
+
+  ExpectOk(Cli({"delete", "/router"}));
+  ExpectOk(Cli({}, set.out + "commit\n"));
+  EXPECT_EQ(Running(), before) << set.out;
+
+  ExpectOk(Cli({"delete", "/router"}));
+  ExpectOk(Cli({"load", "replace", WriteFile("running.xml", xml.out)}));
+  EXPECT_EQ(Running(), before) << xml.out;
 }
 
 // Without the fixture's server: what the CLI says when there is none or it does not answer.
