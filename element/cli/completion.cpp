@@ -272,7 +272,6 @@ std::vector<Choice> NextWords(const std::vector<std::string>& before, std::strin
   if (!words.empty() && (words[0] == "set" || words[0] == "delete")) {
     const auto sep = std::find(words.rbegin(), words.rend(), "--");
     if (sep != words.rend()) words.erase(words.begin(), sep.base());
-    if (words.empty()) words = {};
   }
   // The deepest row whose words begin the line.
   const CommandSyntax* row = nullptr;

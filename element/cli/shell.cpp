@@ -149,13 +149,17 @@ int ShowChoices(int count, int key) {
   std::fputs("?\n", rl_outstream);
   // Keypaths are listed by their next step.
   const size_t shown = partial.starts_with('/') ? partial.rfind('/') + 1 : 0;
+  std::vector<std::string> listed;
   size_t width = 0;
-  for (const Choice& c : choices) width = std::max(width, c.word.size() - shown);
+  for (const Choice& c : choices) {
+    listed.push_back(c.word.substr(std::min(shown, c.word.size())));
+    width = std::max(width, listed.back().size());
+  }
   for (size_t i = 0; i < choices.size() && i < kMostHelpLines; ++i) {
-    const std::string word = choices[i].word.substr(std::min(shown, choices[i].word.size()));
-    std::string text = "  " + word;
-    if (!choices[i].help.empty())
-      text += std::string(width - word.size() + 2, ' ') + choices[i].help;
+    std::string text = "  " + listed[i];
+    if (!choices[i].help.empty()) {
+      text += std::string(width - listed[i].size() + 2, ' ') + choices[i].help;
+    }
     std::fprintf(rl_outstream, "%s\n", text.c_str());
   }
   if (choices.size() > kMostHelpLines) {
