@@ -1,5 +1,8 @@
 #include "element/cli/command.h"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
 #include <charconv>
 
 namespace pbr::cli {
@@ -10,8 +13,13 @@ constexpr std::string_view kUsage =
        pbr-cli --version
 
 Commands (each one commit; without a command pbr-cli reads commands interactively):
-  show running [--json]                 the running configuration, as a tree or as JSON
-  show pbr [ID] [--json]                the operational view of every rule or of rule ID
+  show running [--json | --format tree|json|xml|set]
+                                        the running configuration: a tree, JSON, XML, or
+                                        set commands that the shell loads back
+  show pbr [ID] [status S] [interface NAME] [next-hop ADDRESS] [--sort id|priority] [--json]
+                                        every rule (or rule ID) with its priority, ingress
+                                        interfaces, hardware status and description; the
+                                        filters combine; --sort priority is evaluation order
   set PATH [VALUE] [-- set|delete ...]  set a leaf, or create a list or leaf-list entry
   delete PATH [-- set|delete ...]       delete a node with everything below it
   load merge|replace FILE [--format json|xml] [--dry-run]
@@ -32,8 +40,10 @@ Exit status: 0 done; 1 refused by the server (the path and the reason are printe
 
 constexpr std::string_view kShellHelp =
     R"(Commands:
-  show running [--json]        the running configuration
-  show pbr [ID] [--json]       the operational view of every rule or of rule ID
+  show running [--json | --format tree|json|xml|set]
+                               the running configuration
+  show pbr [ID] [status S] [interface NAME] [next-hop ADDRESS] [--sort id|priority] [--json]
+                               every rule (or rule ID), filtered, in id or evaluation order
   show candidate [--json]      the candidate's changes against running, as set/delete lines
   show commits [--json]        the commit history; show commit ID: its changes
   set PATH [VALUE]             change the candidate: set a leaf, or create a list or
@@ -53,10 +63,11 @@ constexpr std::string_view kShellHelp =
   load merge|replace FILE [--format json|xml] [--dry-run]
                                load a document and commit it at once
   help                         this text
-  exit                         leave (an uncommitted candidate is dropped)
+  exit, quit                   leave (asks first when changes are not committed)
 
 Paths are keypaths without prefixes: /router/pbr{7}/rule/priority. Values with blanks go in
 double quotes. Several changes can also be given on one line, separated by --.
+Tab completes commands, paths, keys and values; ? lists what may follow; Ctrl-C clears the line.
 )";
 
 ParseResult Fail(std::string error) {
@@ -70,43 +81,104 @@ bool ParseId(const std::string& word, T* id) {
   return ec == std::errc() && ptr == end && !word.empty();
 }
 
+// The hardware status names a rule view can be filtered by.
+constexpr std::string_view kStatusNames[] = {"programmed", "failed", "not-programmed"};
+
+bool IsIpv4Address(const std::string& text) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+// show pbr [ID] [status S] [interface NAME] [next-hop ADDRESS] [--sort id|priority] [--json]
+ParseResult ParseShowPbr(std::span<const std::string> args) {
+  ShowPbr show;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& word = args[i];
+    if (word == "--json") {
+      show.json = true;
+      continue;
+    }
+    const bool takesValue =
+        word == "status" || word == "interface" || word == "next-hop" || word == "--sort";
+    if (takesValue && i + 1 == args.size()) return Fail(word + " needs a value");
+    if (word == "status") {
+      const std::string& status = args[++i];
+      if (std::find(std::begin(kStatusNames), std::end(kStatusNames), status) ==
+          std::end(kStatusNames)) {
+        return Fail("status is programmed, failed or not-programmed, not " + status);
+      }
+      show.query.status = status;
+    } else if (word == "interface") {
+      show.query.interface = args[++i];
+    } else if (word == "next-hop") {
+      if (!IsIpv4Address(args[i + 1])) return Fail(args[i + 1] + " is not an IPv4 address");
+      show.query.nextHop = args[++i];
+    } else if (word == "--sort") {
+      const std::string& order = args[++i];
+      if (order != "id" && order != "priority") return Fail("--sort id or --sort priority");
+      show.query.byPriority = order == "priority";
+    } else if (word.starts_with("--")) {
+      return Fail("unknown option " + word + " for show pbr");
+    } else {
+      uint32_t id = 0;
+      if (show.id) return Fail("show pbr takes at most one rule id");
+      if (!ParseId(word, &id)) return Fail("not a rule id: " + word);
+      show.id = id;
+    }
+  }
+  return {show, {}};
+}
+
+ParseResult ParseShowRunning(std::span<const std::string> args) {
+  ShowRunning show;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--json") {
+      show.format = ShowRunning::Format::kJson;
+    } else if (args[i] == "--format" && i + 1 < args.size()) {
+      const std::string& format = args[++i];
+      if (format == "tree") {
+        show.format = ShowRunning::Format::kTree;
+      } else if (format == "json") {
+        show.format = ShowRunning::Format::kJson;
+      } else if (format == "xml") {
+        show.format = ShowRunning::Format::kXml;
+      } else if (format == "set") {
+        show.format = ShowRunning::Format::kSet;
+      } else {
+        return Fail("unknown format " + format + "; tree, json, xml or set");
+      }
+    } else {
+      return Fail("show running takes --json or --format tree|json|xml|set");
+    }
+  }
+  return {show, {}};
+}
+
 ParseResult ParseShow(std::span<const std::string> args, Context context) {
   if (args.empty()) return Fail("show what? running, pbr or candidate");
   const std::string& what = args[0];
-  bool json = false;
-  std::vector<std::string> rest;
-  for (const std::string& word : args.subspan(1)) {
-    if (word == "--json") {
-      json = true;
-    } else if (word.starts_with("--")) {
-      return Fail("unknown option " + word + " for show " + what);
-    } else {
-      rest.push_back(word);
-    }
-  }
-  if (what == "running") {
-    if (!rest.empty()) return Fail("show running takes no argument but --json");
-    return {ShowRunning{json}, {}};
-  }
-  if (what == "pbr") {
-    if (rest.size() > 1) return Fail("show pbr takes at most one rule id");
-    ShowPbr show{std::nullopt, json};
-    if (!rest.empty()) {
-      uint32_t id = 0;
-      if (!ParseId(rest[0], &id)) return Fail("not a rule id: " + rest[0]);
-      show.id = id;
-    }
-    return {show, {}};
-  }
+  if (what == "running") return ParseShowRunning(args.subspan(1));
+  if (what == "pbr") return ParseShowPbr(args.subspan(1));
   if (what == "candidate" && context == Context::kShell) {
-    if (!rest.empty()) return Fail("show candidate takes no argument but --json");
-    return {ShowCandidate{json}, {}};
+    if (args.size() > 2 || (args.size() == 2 && args[1] != "--json")) {
+      return Fail("show candidate takes no argument but --json");
+    }
+    return {ShowCandidate{args.size() == 2}, {}};
   }
-  if (what == "commits") {
-    if (!rest.empty()) return Fail("show commits takes no argument but --json");
-    return {ShowCommits{std::nullopt, json}, {}};
-  }
-  if (what == "commit") {
+  if (what == "commits" || what == "commit") {
+    bool json = false;
+    std::vector<std::string> rest;
+    for (const std::string& word : args.subspan(1)) {
+      if (word == "--json") {
+        json = true;
+      } else {
+        rest.push_back(word);
+      }
+    }
+    if (what == "commits") {
+      if (!rest.empty()) return Fail("show commits takes no argument but --json");
+      return {ShowCommits{std::nullopt, json}, {}};
+    }
     uint64_t id = 0;
     if (rest.size() != 1 || !ParseId(rest[0], &id)) return Fail("usage: show commit ID [--json]");
     return {ShowCommits{id, json}, {}};

@@ -11,16 +11,19 @@
 #include <variant>
 #include <vector>
 
+#include "element/cli/rule_view.h"
 #include "element/mgmt/mgmt.pb.h"
 
 namespace pbr::cli {
 
 struct ShowRunning {
-  bool json = false;
+  enum class Format { kTree, kJson, kXml, kSet };
+  Format format = Format::kTree;
 };
 
 struct ShowPbr {
   std::optional<uint32_t> id;  // empty: every rule
+  RuleQuery query;
   bool json = false;
 };
 

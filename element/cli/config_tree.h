@@ -22,4 +22,13 @@ namespace pbr::cli {
 // *out. False with *error when the document does not fit the schema.
 bool FormatConfigTree(ly_ctx* ctx, std::string_view json, std::string* out, std::string* error);
 
+// The same configuration as the shell commands that build it, one a line, in the tree's order:
+//   set /router/pbr{7}/rule/priority 10
+//   set /router/pbr{7}/rule/match/interface{eth1}
+// A list entry without other children is created by its path alone.
+bool FormatConfigSet(ly_ctx* ctx, std::string_view json, std::string* out, std::string* error);
+
+// The same configuration as an XML document, as `load` reads it.
+bool FormatConfigXml(ly_ctx* ctx, std::string_view json, std::string* out, std::string* error);
+
 }  // namespace pbr::cli

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "element/cli/command.h"
+#include "element/cli/schema_help.h"
 
 namespace pbr::cli {
 namespace {
@@ -105,8 +106,12 @@ std::string ErrorText(const mgmt::Error& error, const ly_ctx* schema, std::strin
   std::string text(file);
   if (!text.empty() && !where.line.empty()) text += ":" + where.line;
   if (text.empty() && !where.line.empty()) text = "line " + where.line;
-  if (!where.path.empty()) text += (text.empty() ? "" : ": ") + KeypathOf(where.path, schema);
-  const std::string& reason = error.message().empty() ? "refused" : error.message();
+  std::string reason = error.message().empty() ? "refused" : error.message();
+  if (!where.path.empty()) {
+    const std::string keypath = KeypathOf(where.path, schema);
+    text += (text.empty() ? "" : ": ") + keypath;
+    reason = ReadableReason(NodeAt(schema, keypath), reason);
+  }
   return text.empty() ? reason : text + ": " + reason;
 }
 

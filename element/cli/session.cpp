@@ -6,7 +6,7 @@
 #include "element/cli/config_tree.h"
 #include "element/cli/document.h"
 #include "element/cli/error_text.h"
-#include "element/cli/status_table.h"
+#include "element/cli/rule_view.h"
 
 namespace pbr::cli {
 namespace {
@@ -285,24 +285,35 @@ ly_ctx* Session::Schema() {
   return schema_.get();
 }
 
-int Session::ShowRunningConfig(const ShowRunning& show) {
+int Session::RunningJson(std::string* json) {
   mgmt::ClientMessage request;
   request.mutable_get_running();
   mgmt::Response response;
   if (const int status = Call(std::move(request), &response)) return status;
   if (const int status = Refusal(response)) return status;
-  if (show.json) {
-    WriteText(out_, response.data());
+  *json = std::move(*response.mutable_data());
+  return kExitOk;
+}
+
+int Session::ShowRunningConfig(const ShowRunning& show) {
+  std::string json;
+  if (const int status = RunningJson(&json)) return status;
+  if (show.format == ShowRunning::Format::kJson) {
+    WriteText(out_, json);
     return kExitOk;
   }
   ly_ctx* schema = Schema();
   if (!schema) return kExitFailed;
-  std::string tree, error;
-  if (!FormatConfigTree(schema, response.data(), &tree, &error)) {
+  std::string text, error;
+  const bool ok =
+      show.format == ShowRunning::Format::kSet   ? FormatConfigSet(schema, json, &text, &error)
+      : show.format == ShowRunning::Format::kXml ? FormatConfigXml(schema, json, &text, &error)
+                                                 : FormatConfigTree(schema, json, &text, &error);
+  if (!ok) {
     err_ << "error: " << error << std::endl;
     return kExitFailed;
   }
-  out_.write(tree.data(), static_cast<std::streamsize>(tree.size()));
+  out_.write(text.data(), static_cast<std::streamsize>(text.size()));
   out_.flush();
   return kExitOk;
 }
@@ -315,17 +326,31 @@ int Session::ShowStatus(const ShowPbr& show) {
   if (const int status = Call(std::move(request), &response)) return status;
   // A view with entries left out still shows the others, followed by the reason.
   if (!response.data().empty()) {
-    if (show.json) {
-      WriteText(out_, response.data());
-    } else {
-      std::string table, error;
-      if (!FormatStatusTable(response.data(), &table, &error)) {
-        err_ << "error: " << error << std::endl;
-        return kExitFailed;
-      }
-      out_.write(table.data(), static_cast<std::streamsize>(table.size()));
-      out_.flush();
+    std::vector<RuleRow> rows;
+    std::string running, error;
+    if (!ReadRuleStatus(response.data(), &rows, &error)) {
+      err_ << "error: " << error << std::endl;
+      return kExitFailed;
     }
+    response.clear_data();
+    // The operational view leaves out what is configured; it comes from the running
+    // configuration, read after the view so that no rule shown lacks it.
+    if (const int status = RunningJson(&running)) return status;
+    if (!JoinRuleConfig(running, &rows, &error)) {
+      err_ << "error: " << error << std::endl;
+      return kExitFailed;
+    }
+    running = std::string();
+    const size_t total = rows.size();
+    SelectRules(show.query, &rows);
+    std::string text;
+    if (show.json) {
+      FormatRuleJson(rows, &text);
+    } else {
+      FormatRuleTable(rows, total, &text);
+    }
+    out_.write(text.data(), static_cast<std::streamsize>(text.size()));
+    out_.flush();
   }
   return Refusal(response);
 }

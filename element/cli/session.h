@@ -44,6 +44,14 @@ class Session {
 
   // The edits made to the candidate since it was last committed or discarded.
   size_t uncommittedEdits() const { return edits_; }
+
+  // The running configuration as RFC 7951 JSON; prints the failure and returns its status when
+  // it cannot be had.
+  int RunningJson(std::string* json);
+
+  // The schema, loaded on first use; null (reported once) when it cannot be loaded.
+  ly_ctx* Schema();
+
   bool exitRequested() const { return exitRequested_; }
 
  private:
@@ -56,8 +64,6 @@ class Session {
   // Prints a refusal and returns kExitFailed; kExitOk for an accepted answer. `file`: the
   // refused input was this file.
   int Refusal(const mgmt::Response& response, std::string_view file = {});
-  // The schema, loaded on first use; null (reported once) when it cannot be loaded.
-  ly_ctx* Schema();
 
   int ShowRunningConfig(const ShowRunning& show);
   int ShowStatus(const ShowPbr& show);

@@ -107,7 +107,7 @@ cli set "$rule{7}/rule/priority" 10 \
 expect_calls "set 7"
 grep -qF '{"id":7,"priority":10,"status":1,"match":{"ingress-interfaces":["eth1"],"source-ipv4":{"address":"10.1.0.0","mask":"255.255.0.0"}},"action":{"next-hop":"192.0.2.1"}}' \
   "$PBR_ELEMENT_STATE_DIR/pbr-manager.json" || fail "rule 7 in the memory backend: $(cat "$PBR_ELEMENT_STATE_DIR/pbr-manager.json")"
-wait_for expect_row 7 "7 10.1.0.0/16 - 192.0.2.1 programmed"
+wait_for expect_row 7 "7 10 eth1 10.1.0.0/16 - 192.0.2.1 programmed -"
 
 step "one commit: rules created are sent first, then deleted ids, each in ascending id"
 mark
@@ -115,7 +115,7 @@ cli set "$rule{9}/rule/priority" 20 -- set "$rule{3}/rule/priority" 5 \
   -- set "$rule{3}/rule/match/destination/ipv4-address/no-mask/ip" 198.51.100.7 \
   -- delete "$rule{7}" || fail "commit of rules 3, 9 and deletion of 7"
 expect_calls "set 3" "set 9" "deleted 7"
-expect_row 3 "3 - 198.51.100.7 l3-routing programmed"
+expect_row 3 "3 5 - - 198.51.100.7 l3-routing programmed -"
 
 step "a description change sends the whole rule"
 mark
@@ -143,7 +143,7 @@ mark
 start_mgmtd
 wait_for at_least "attached to the management server" 3
 expect_calls "set 3" "set 9"
-expect_row 9 "9 - - l3-routing programmed"
+expect_row 9 "9 20 - - - l3-routing programmed -"
 err=$(cli show pbr 99 2>&1 >/dev/null) && fail "show pbr 99 showed a rule"
 [ "$err" = "error: no rule 99" ] || fail "show pbr 99: wanted [error: no rule 99], got [$err]"
 

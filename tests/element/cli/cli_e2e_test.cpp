@@ -134,13 +134,13 @@ TEST_F(CliE2e, InvalidConfigurationsAreRefusedWithPathAndReasonAndChangeNothing)
        "Mandatory node \"priority\" instance does not exist."},
       {{"set", "/router/pbr{7}/rule/description", std::string(33, 'x')},
        "/router/pbr/rule/description",
-       "Unsatisfied length"},
+       "at most 32 bytes"},
       {{"set", "/router/pbr{7}/rule/match/source/ipv4-address/mask/ip", "10.1.0.0/33"},
        "/router/pbr/rule/match/source/ipv4-address/mask/ip",
        "Expected an IPv4 address and a prefix length 0..32"},
       {{"set", "/router/pbr{7}/rule/action/next-hop/ip", "10.0.0.256"},
        "/router/pbr/rule/action/next-hop/ip",
-       "\"10.0.0.256\" does not conform"},
+       "10.0.0.256 is not an IPv4 address"},
       {{"set", "/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip", "10.1.0/16"},
        "/router/pbr/rule/match/destination/ipv4-address/mask/ip",
        "for example 10.1.2.3/16"},
@@ -151,7 +151,7 @@ TEST_F(CliE2e, InvalidConfigurationsAreRefusedWithPathAndReasonAndChangeNothing)
        "Data for both cases \"mask\" and \"no-mask\" exist."},
       {{"set", "/router/pbr{70000}/rule/priority", "1"},
        "/router/pbr/id",
-       "out of the allowed range"},
+       "70000 is out of range 0..65535"},
       {{"set", "/router/pbr{7}/rule/colour", "red"},
        "/router/pbr/rule/colour",
        "no node \"colour\""},
@@ -373,6 +373,25 @@ TEST_F(CliE2e, AShellAcrossARestartSaysItsCandidateIsGone) {
   Type(*shell, "commit\n", "nothing of the candidate was committed");
   Type(*shell, "set /router/pbr{2}/rule/priority 2\ncommit\n", "committed");
   EXPECT_THAT(Running(), Not(HasSubstr("\"id\": 1,")));
+}
+
+TEST_F(CliE2e, RunningConfigurationAsSetCommandsOrXmlLoadsBack) {
+  ExpectOk(Cli(kRule7));
+  ExpectOk(Cli({"set", "/router/pbr{65535}/rule/priority", "0", "--", "set",
+                "/router/pbr{65535}/rule/match/source/ipv4-address/no-mask/ip", "0.0.0.0"}));
+  const std::string before = Running();
+  const ChildResult set = Cli({"show", "running", "--format", "set"});
+  ExpectOk(set);
+  const ChildResult xml = Cli({"show", "running", "--format", "xml"});
+  ExpectOk(xml);
+
+  ExpectOk(Cli({"delete", "/router"}));
+  ExpectOk(Cli({}, set.out + "commit\n"));
+  EXPECT_EQ(Running(), before) << set.out;
+
+  ExpectOk(Cli({"delete", "/router"}));
+  ExpectOk(Cli({"load", "replace", WriteFile("running.xml", xml.out)}));
+  EXPECT_EQ(Running(), before) << xml.out;
 }
 
 // Without the fixture's server: what the CLI says when there is none or it does not answer.

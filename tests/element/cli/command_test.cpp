@@ -22,8 +22,18 @@ T As(const ParseResult& r) {
 }
 
 TEST(Command, ShowAndEditWithTheirOptions) {
-  EXPECT_FALSE(As<ShowRunning>(ParseOneShot({"show", "running"})).json);
-  EXPECT_TRUE(As<ShowRunning>(ParseOneShot({"show", "running", "--json"})).json);
+  using Format = ShowRunning::Format;
+  EXPECT_EQ(As<ShowRunning>(ParseOneShot({"show", "running"})).format, Format::kTree);
+  EXPECT_EQ(As<ShowRunning>(ParseOneShot({"show", "running", "--json"})).format, Format::kJson);
+  EXPECT_EQ(As<ShowRunning>(ParseOneShot({"show", "running", "--format", "set"})).format,
+            Format::kSet);
+  const ShowPbr filtered =
+      As<ShowPbr>(ParseOneShot({"show", "pbr", "status", "failed", "next-hop", "192.0.2.9",
+                                "interface", "eth2", "--sort", "priority"}));
+  EXPECT_EQ(filtered.query.status, "failed");
+  EXPECT_EQ(filtered.query.nextHop, "192.0.2.9");
+  EXPECT_EQ(filtered.query.interface, "eth2");
+  EXPECT_TRUE(filtered.query.byPriority);
   const ShowPbr all = As<ShowPbr>(ParseOneShot({"show", "pbr"}));
   EXPECT_FALSE(all.id.has_value());
   EXPECT_FALSE(all.json);
@@ -52,6 +62,11 @@ TEST(Command, RefusesMalformedCommandsWithAReason) {
                                                {"show", "pbr", "1", "2"},
                                                {"show", "running", "extra"},
                                                {"show", "running", "--xml"},
+                                               {"show", "running", "--format", "yaml"},
+                                               {"show", "pbr", "status", "broken"},
+                                               {"show", "pbr", "next-hop", "300.1.1.1"},
+                                               {"show", "pbr", "interface"},
+                                               {"show", "pbr", "--sort", "age"},
                                                {"show", "candidate"},
                                                {"show", "everything"},
                                                {"set"},

@@ -3,7 +3,7 @@
 
 #include "element/cli/config_tree.h"
 #include "element/cli/error_text.h"
-#include "element/cli/status_table.h"
+#include "element/cli/rule_view.h"
 #include "element/yang/module.h"
 #include "tests/element/cli/golden.h"
 
@@ -42,31 +42,110 @@ TEST_F(ConfigTree, EmptyConfigurationShowsNothingAndOthersOutsideTheSchemaAreRef
   EXPECT_EQ(tree, "");
 }
 
-TEST(StatusTable, OneRowPerRuleWithStatusNamesAndAbsentAddressesMarked) {
-  std::string table, error;
-  ASSERT_TRUE(FormatStatusTable(ReadGolden("status.json"), &table, &error)) << error;
+// Rules 2, 5, 7 and 65535 as configured; 9 is configured but has no status yet.
+constexpr std::string_view kRunning = R"({"pbr:router": {"pbr": [
+  {"id": 9, "rule": {"priority": 1}},
+  {"id": 7, "rule": {"priority": 5, "description": "web servers",
+                     "match": {"interface": ["eth2", "eth3"]}}},
+  {"id": 5, "rule": {"priority": 20, "match": {"interface": ["eth2"]}}},
+  {"id": 2, "rule": {"priority": 5}},
+  {"id": 65535, "rule": {"priority": 0, "description": "catch-all"}}]}})";
+
+std::vector<RuleRow> JoinedRows() {
+  std::vector<RuleRow> rows;
+  std::string error;
+  EXPECT_TRUE(ReadRuleStatus(ReadGolden("status.json"), &rows, &error)) << error;
+  EXPECT_TRUE(JoinRuleConfig(kRunning, &rows, &error)) << error;
+  return rows;
+}
+
+TEST(RuleView, JoinsTheConfiguredPriorityInterfacesAndDescriptionIntoTheTable) {
+  std::string table;
+  FormatRuleTable(JoinedRows(), 4, &table);
   ExpectGolden("status.table", table);
+
+  std::string json;
+  std::vector<RuleRow> rows = JoinedRows();
+  rows.resize(3);
+  FormatRuleJson({rows[2]}, &json);
+  EXPECT_EQ(json,
+            "{\n  \"pbr:router\": {\n    \"pbr-status\": [\n      {\"id\": 7, \"rule\": "
+            "{\"priority\":5,\"destination-ip\":\"255.255.255.255/31\",\"interfaces\":"
+            "\"eth2,eth3\",\"action\":\"l3-routing\",\"hw-status\":\"failed\",\"hw-reason\":"
+            "\"Nexthop has invalid gateway\",\"description\":\"web servers\"}}\n    ]\n  }\n}\n");
+  // The module reads it back.
+  std::vector<RuleRow> back;
+  std::string error;
+  ASSERT_TRUE(ReadRuleStatus(json, &back, &error)) << error;
+  ASSERT_EQ(back.size(), 1u);
+  EXPECT_EQ(back[0].reason, "Nexthop has invalid gateway");
 }
 
-TEST(StatusTable, EmptyViewIsTheHeaderAloneAndAnUnreadableOnePrintsNothing) {
-  std::string table, error;
-  ASSERT_TRUE(FormatStatusTable("{}\n", &table, &error)) << error;
-  EXPECT_EQ(table.find('\n'), table.size() - 1);
-  EXPECT_TRUE(table.starts_with("ID")) << table;
-  table = "kept\n";
-  EXPECT_FALSE(FormatStatusTable(R"({"pbr:router": {"pbr-status": [{"id": 1,)", &table, &error));
-  EXPECT_EQ(table, "kept\n");
+TEST(RuleView, FiltersCombineAndPriorityOrderBreaksTiesById) {
+  struct Case {
+    const char* what;
+    RuleQuery query;
+    std::vector<uint32_t> ids;
+    std::string summary;
+  };
+  const auto query = [](auto set) {
+    RuleQuery q;
+    set(q);
+    return q;
+  };
+  const std::vector<Case> cases = {
+      {"all by id", {}, {2, 5, 7, 65535}, "4 rules: 1 programmed, 1 failed, 1 not programmed"},
+      {"evaluation order", query([](RuleQuery& q) { q.byPriority = true; }), {65535, 2, 7, 5}, ""},
+      {"status",
+       query([](RuleQuery& q) { q.status = "failed"; }),
+       {7},
+       "1 rule of 4: 0 programmed, 1 failed, 0 not programmed"},
+      {"interface", query([](RuleQuery& q) { q.interface = "eth2"; }), {5, 7}, ""},
+      {"next hop", query([](RuleQuery& q) { q.nextHop = "10.0.0.1"; }), {5}, ""},
+      {"combined, in order",
+       query([](RuleQuery& q) {
+         q.interface = "eth2";
+         q.byPriority = true;
+         q.status = "programmed";
+       }),
+       {5},
+       ""},
+      {"nothing matches",
+       query([](RuleQuery& q) { q.interface = "eth9"; }),
+       {},
+       "0 rules of 4: 0 programmed, 0 failed, 0 not programmed"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<RuleRow> rows = JoinedRows();
+    SelectRules(c.query, &rows);
+    std::vector<uint32_t> ids;
+    for (const RuleRow& r : rows) ids.push_back(r.id);
+    EXPECT_EQ(ids, c.ids);
+    std::string table;
+    FormatRuleTable(rows, 4, &table);
+    if (!c.summary.empty()) {
+      EXPECT_TRUE(table.ends_with(c.summary + "\n")) << table;
+    }
+  }
+}
+
+TEST(RuleView, UnreadableDocumentsAreRefusedAndOverlongCellsKeepColumnsApart) {
+  std::vector<RuleRow> rows;
+  std::string error, table;
+  EXPECT_FALSE(ReadRuleStatus(R"({"pbr:router": {"pbr-status": [{"id": 1,)", &rows, &error));
   EXPECT_NE(error.find("not readable"), std::string::npos) << error;
-}
+  EXPECT_FALSE(JoinRuleConfig("{", &rows, &error));
 
-TEST(StatusTable, OverlongCellsKeepTheColumnsApart) {
-  std::string table, error;
-  ASSERT_TRUE(FormatStatusTable(
+  ASSERT_TRUE(ReadRuleStatus(
       R"({"pbr:router": {"pbr-status": [{"id": 4294967295, "rule": {"source-ip": )"
       R"("255.255.255.255/32-and-more", "action": "l3-routing", "hw-status": "failed"}}]}})",
-      &table, &error))
+      &rows, &error))
       << error;
-  EXPECT_NE(table.find("4294967295 255.255.255.255/32-and-more -"), std::string::npos) << table;
+  FormatRuleTable(rows, 1, &table);
+  EXPECT_NE(table.find("4294967295 -          -               255.255.255.255/32-and-more -"),
+            std::string::npos)
+      << table;
 }
 
 using Keypath = SchemaTest;
