@@ -19,8 +19,9 @@ struct ChildResult {
 
 class Child {
  public:
-  // Starts `argv` (argv[0] a path, or a name looked up on PATH); `input` is written to its stdin, which is then closed
-  // unless `keepInput` is set (then Send writes more, and the destructor closes it).
+  // Starts `argv` (argv[0] a path, or a name looked up on PATH); `input` is written to its stdin,
+  // which is then closed unless `keepInput` is set (then Send writes more, and the destructor
+  // closes it).
   Child(std::vector<std::string> argv, std::string input = {}, bool keepInput = false);
   ~Child();  // kills a child still running
   Child(const Child&) = delete;
@@ -34,6 +35,8 @@ class Child {
 
   // Writes `text` to the stdin of a child started with keepInput.
   void Send(const std::string& text);
+  // Reads output until `text` appears in stdout or stderr; false after `timeout`.
+  bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout);
 
   void Signal(int signal);
   const std::string& out() const { return out_; }

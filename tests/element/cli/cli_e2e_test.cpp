@@ -59,6 +59,12 @@ class CliE2e : public ::testing::Test {
     return r.out;
   }
 
+  std::string Running() {
+    const ChildResult r = Cli({"show", "running", "--json"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out;
+  }
+
   std::string WriteFile(const std::string& name, const std::string& text) {
     const std::string path = (env_.root() / name).string();
     std::ofstream(path, std::ios::binary) << text;
@@ -376,7 +382,10 @@ TEST_F(CliE2e, AShellAcrossARestartSaysItsCandidateIsGone) {
 }
 
 TEST_F(CliE2e, RunningConfigurationAsSetCommandsOrXmlLoadsBack) {
-  ExpectOk(Cli(kRule7));
+  ExpectOk(Cli({"set", "/router/pbr{7}/rule/priority", "10", "--", "set",
+                "/router/pbr{7}/rule/description", "web \"front\" servers", "--", "set",
+                "/router/pbr{7}/rule/match/interface{eth1}", "--", "set",
+                "/router/pbr{7}/rule/match/source/ipv4-address/mask/ip", "10.1.2.3/16"}));
   ExpectOk(Cli({"set", "/router/pbr{65535}/rule/priority", "0", "--", "set",
                 "/router/pbr{65535}/rule/match/source/ipv4-address/no-mask/ip", "0.0.0.0"}));
   const std::string before = Running();
