@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -48,17 +49,24 @@ struct Pipe {
 
 TEST_F(LoopTest, RunsDeferredTimerAndFdCallbacksInOrder) {
   Pipe p;
+  int ends = 0;
+  const auto end = [&] {
+    if (++ends == 2) vqmw::Exit(mw_, 0);
+  };
   auto reader = vqmw::WatchFd(mw_, p.fds[0], EPOLLIN, [&](uint32_t revents) {
     EXPECT_TRUE(revents & EPOLLIN);
     char c;
     EXPECT_EQ(read(p.fds[0], &c, 1), 1);
     // Deferred from inside a callback: runs once this callback has returned.
-    vqmw::Defer(mw_, [&] { seen_.push_back("deferred by fd"); });
+    vqmw::Defer(mw_, [&] {
+      seen_.push_back("deferred by fd");
+      end();
+    });
     seen_.push_back("fd");
   });
   auto late = vqmw::StartTimer(mw_, 30ms, [&] {
     seen_.push_back("timer 30ms");
-    vqmw::Exit(mw_, 0);
+    end();
   });
   auto early = vqmw::StartTimer(mw_, 1ms, [&] {
     seen_.push_back("timer 1ms");
@@ -68,6 +76,8 @@ TEST_F(LoopTest, RunsDeferredTimerAndFdCallbacksInOrder) {
   vqmw::Defer(mw_, [&] { seen_.push_back("deferred 2"); });
 
   EXPECT_EQ(Run(), 0);
+  // A machine stalled past 30 ms may see the late timer and the fd ready at once, in either order.
+  if (seen_.size() == 6 && seen_[3] == "timer 30ms") std::rotate(&seen_[3], &seen_[4], &seen_[6]);
   EXPECT_EQ(seen_, (std::vector<std::string>{"deferred 1", "deferred 2", "timer 1ms", "fd",
                                              "deferred by fd", "timer 30ms"}));
 }
