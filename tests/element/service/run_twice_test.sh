@@ -11,7 +11,7 @@ trap 'rm -rf "$work"' EXIT
 export PBR_ELEMENT_RUNTIME_DIR=$work/run
 for n in 1 2; do
   out=$(PBR_ELEMENT_STATE_DIR=$work/state$n bash "$run" 2>&1) || { echo "FAIL: run $n: $out"; exit 1; }
-  [ "$(grep -cE '^[0-9]+ .* programmed( |$)' <<<"$out")" = 2 ] || { echo "FAIL: run $n showed: $out"; exit 1; }
+  [ "$(grep -cE '^[0-9]+ +[0-9]+ .* programmed( |$)' <<<"$out")" = 2 ] || { echo "FAIL: run $n showed: $out"; exit 1; }
   [ ! -e "$work/run/mgmt.sock" ] || { echo "FAIL: run $n left mgmt.sock"; exit 1; }
 done
 echo "run.sh twice: the example rules programmed both times"
