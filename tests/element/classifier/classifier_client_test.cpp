@@ -266,5 +266,31 @@ TEST_F(ClassifierTest, ForwardsExactlyAsTheFibRulesOnRandomRuleSets) {
   }
 }
 
+TEST_F(ClassifierTest, SteersRealPacketsAndRestartsWithoutLoss) {
+  Start(true);
+  EXPECT_EQ(PingPath(), "rb1");
+  client_->SetEntry(
+      7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Iif(1).Via("10.0.2.2").Build());
+  ASSERT_TRUE(Settle());
+  EXPECT_EQ(statuses_[7], 1u);
+  EXPECT_EQ(PingPath(), "rb2");
+
+  // A restarted backend takes over from the previous run's program while packets flow.
+  uint64_t before = bed_->TxPackets("rb2");
+  pbrtest::BackgroundPing ping(*bed_, 40, 10);
+  Start(true);
+  client_->SetEntry(
+      7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Iif(1).Via("10.0.2.2").Build());
+  ASSERT_TRUE(Settle());
+  auto [sent, received] = ping.Wait();
+  EXPECT_EQ(received, sent);
+  EXPECT_GE(bed_->TxPackets("rb2") - before, static_cast<uint64_t>(sent));
+  EXPECT_EQ(bed_->Rules(kRouteProtocol).size(), 1u) << "one mark rule for the one next hop";
+
+  client_->DeleteEntry(7);
+  ASSERT_TRUE(RunUntil([&] { return statuses_[7] == 0 && settled_(); }));
+  EXPECT_EQ(PingPath(), "rb1");
+}
+
 }  // namespace
 }  // namespace pbr::element
