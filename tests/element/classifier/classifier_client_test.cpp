@@ -96,14 +96,15 @@ uint32_t Classify(const std::string& iif, const std::string& src, const std::str
   if (fd < 0) return ~0u;
   unsigned char packet[ETH_HLEN + sizeof(iphdr) + 8] = {};
   packet[12] = 0x08;  // ETH_P_IP
-  auto* ip = reinterpret_cast<iphdr*>(packet + ETH_HLEN);
-  ip->version = 4;
-  ip->ihl = 5;
-  ip->ttl = 64;
-  ip->protocol = IPPROTO_UDP;
-  ip->tot_len = htons(sizeof(iphdr) + 8);
-  ip->saddr = Ip(src).s_addr;
-  ip->daddr = Ip(dst).s_addr;
+  iphdr ip{};
+  ip.version = 4;
+  ip.ihl = 5;
+  ip.ttl = 64;
+  ip.protocol = IPPROTO_UDP;
+  ip.tot_len = htons(sizeof(iphdr) + 8);
+  ip.saddr = Ip(src).s_addr;
+  ip.daddr = Ip(dst).s_addr;
+  std::memcpy(packet + ETH_HLEN, &ip, sizeof ip);  // unaligned in the frame
   __sk_buff ctx{};
   ctx.ifindex = static_cast<uint32_t>(ifindex);
   LIBBPF_OPTS(bpf_test_run_opts, run);
