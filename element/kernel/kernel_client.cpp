@@ -51,8 +51,8 @@ void WarnRefusal(const std::string& what, int error, const std::string& message)
            __VA_ARGS__);                                                                           \
   } while (0)
 
-KernelClient::KernelClient(vqmw_t* mw, zlog_category_t* log, Options options)
-    : mw_(mw), log_(log), options_(std::move(options)) {
+KernelClient::KernelClient(vqmw_t* mw, zlog_category_t* log, Options options, LayOutFn lay_out)
+    : mw_(mw), log_(log), options_(std::move(options)), lay_out_(std::move(lay_out)) {
   RuleReasons::Instance().Bind(mw_);
   Start();
 }
@@ -178,7 +178,7 @@ Error KernelClient::SetEntry(const uint16_t& id, const Entry& entry) {
   Member& m = members_[id];
   IndexClass(id, m, false);
   IndexHop(id, m, false);
-  m.want = LayOut(id, entry, options_.interface_names);
+  m.want = lay_out_ ? lay_out_(id, entry) : LayOut(id, entry, options_.interface_names);
   // A new request deserves a fresh attempt.
   m.rules_failed = false;
   IndexClass(id, m, true);

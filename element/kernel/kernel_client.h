@@ -29,6 +29,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -54,9 +55,11 @@ class KernelClient final : public PbrClient {
     // How long objects left by a previous run wait for a configuration that wants them.
     std::chrono::milliseconds leftover_grace{std::chrono::seconds(60)};
   };
+  // Lays out a rule in place of LayOut, for owners that program other selectors (marks).
+  using LayOutFn = std::function<RuleLayout(uint16_t id, const Entry& entry)>;
 
   // `log` may be null (no logging); it is not owned.
-  KernelClient(vqmw_t* mw, zlog_category_t* log, Options options);
+  KernelClient(vqmw_t* mw, zlog_category_t* log, Options options, LayOutFn lay_out = {});
   ~KernelClient() override;
 
   Error SetEntry(const uint16_t& id, const Entry& entry) override;
@@ -145,6 +148,7 @@ class KernelClient final : public PbrClient {
   vqmw_t* mw_;
   zlog_category_t* log_;
   Options options_;
+  LayOutFn lay_out_;
   PbrStatusItf* listener_ = nullptr;
 
   std::unique_ptr<NetlinkChannel> channel_;

@@ -27,6 +27,10 @@ nlmsghdr* PutRule(char* buf, uint16_t type, uint16_t flags, const FibRule& rule)
   if (rule.src.len) mnl_attr_put_u32(nlh, FRA_SRC, rule.src.addr);
   if (rule.dst.len) mnl_attr_put_u32(nlh, FRA_DST, rule.dst.addr);
   if (!rule.iif.empty()) mnl_attr_put_strz(nlh, FRA_IIFNAME, rule.iif.c_str());
+  if (rule.fwmask) {
+    mnl_attr_put_u32(nlh, FRA_FWMARK, rule.fwmark);
+    mnl_attr_put_u32(nlh, FRA_FWMASK, rule.fwmask);
+  }
   mnl_attr_put_u8(nlh, FRA_PROTOCOL, kRouteProtocol);
   return nlh;
 }
@@ -116,8 +120,8 @@ std::optional<FibRule> ParseRule(const nlmsghdr* nlh) {
     return std::nullopt;
   if (!tb[FRA_PROTOCOL] || mnl_attr_get_u8(tb[FRA_PROTOCOL]) != kRouteProtocol) return std::nullopt;
   // A selector this backend never sets means the rule is not one of its own.
-  for (int type : {FRA_GOTO, FRA_FWMARK, FRA_FWMASK, FRA_FLOW, FRA_TUN_ID, FRA_OIFNAME, FRA_L3MDEV,
-                   FRA_UID_RANGE, FRA_IP_PROTO, FRA_SPORT_RANGE, FRA_DPORT_RANGE})
+  for (int type : {FRA_GOTO, FRA_FLOW, FRA_TUN_ID, FRA_OIFNAME, FRA_L3MDEV, FRA_UID_RANGE,
+                   FRA_IP_PROTO, FRA_SPORT_RANGE, FRA_DPORT_RANGE})
     if (tb[type]) return std::nullopt;
   // The kernel reports these with their "unset" value (-1) on every rule.
   for (int type : {FRA_SUPPRESS_PREFIXLEN, FRA_SUPPRESS_IFGROUP}) {
@@ -135,6 +139,10 @@ std::optional<FibRule> ParseRule(const nlmsghdr* nlh) {
   if (rule.src.len && !ReadU32(tb[FRA_SRC], rule.src.addr)) return std::nullopt;
   if (rule.dst.len && !ReadU32(tb[FRA_DST], rule.dst.addr)) return std::nullopt;
   if (tb[FRA_IIFNAME]) rule.iif = mnl_attr_get_str(tb[FRA_IIFNAME]);
+  ReadU32(tb[FRA_FWMARK], rule.fwmark);
+  ReadU32(tb[FRA_FWMASK], rule.fwmask);
+  // Only marked rules carry a mask, and only with their mark; anything else is not ours.
+  if ((rule.fwmark != 0) != (rule.fwmask != 0)) return std::nullopt;
   return rule;
 }
 

@@ -124,6 +124,7 @@ std::string Describe(const FibRule& rule) {
     out += " from " + AddressText(rule.src.addr) + "/" + std::to_string(rule.src.len);
   if (rule.dst.len) out += " to " + AddressText(rule.dst.addr) + "/" + std::to_string(rule.dst.len);
   if (!rule.iif.empty()) out += " iif " + rule.iif;
+  if (rule.fwmask) out += " fwmark " + std::to_string(rule.fwmark);
   return out + " lookup " + std::to_string(rule.table);
 }
 

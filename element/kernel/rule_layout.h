@@ -45,7 +45,9 @@ struct FibRule {
   uint32_t table = 0;
   Prefix src;
   Prefix dst;
-  std::string iif;  // empty: any ingress interface
+  std::string iif;      // empty: any ingress interface
+  uint32_t fwmark = 0;  // with fwmask: packets whose mark matches (0/0: any)
+  uint32_t fwmask = 0;
   auto operator<=>(const FibRule&) const = default;
 };
 

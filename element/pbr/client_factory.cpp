@@ -7,6 +7,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
+#include "element/classifier/classifier_client.h"
 #include "element/kernel/kernel_client.h"
 #include "element/middleware/dirs.h"
 #include "element/pbr/intf_names.h"
@@ -25,6 +26,12 @@ std::unique_ptr<PbrClient> MakeKernelBackend(vqmw_t* mw, zlog_category_t* catego
   return std::make_unique<element::KernelClient>(mw, category, std::move(options));
 }
 
+std::unique_ptr<PbrClient> MakeClassifierBackend(vqmw_t* mw, zlog_category_t* category) {
+  element::ClassifierClient::Options options;
+  options.interface_names = IntfNameFromLimid;
+  return std::make_unique<element::ClassifierClient>(mw, category, std::move(options));
+}
+
 struct Backend {
   const char* name;
   std::unique_ptr<PbrClient> (*make)(vqmw_t*, zlog_category_t*);
@@ -34,6 +41,7 @@ struct Backend {
 constexpr Backend kBackends[] = {
     {"memory", MakeMemoryBackend},
     {"kernel", MakeKernelBackend},
+    {"classifier", MakeClassifierBackend},
 };
 
 }  // namespace

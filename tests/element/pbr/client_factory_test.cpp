@@ -16,7 +16,8 @@ TEST(ClientFactory, MemoryIsTheDefaultAndUnknownBackendsNameTheValidOnes) {
   EXPECT_NE(by_default, nullptr);
   std::string error;
   EXPECT_EQ(pbr::MakeClient(mw, nullptr, "fpga", &error), nullptr);
-  EXPECT_EQ(error, "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory, kernel");
+  EXPECT_EQ(error,
+            "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory, kernel, classifier");
   EXPECT_EQ(pbr::MakeClient(nullptr, nullptr, "memory", &error), nullptr);
   vqmw_finish(&mw);
 }
@@ -26,7 +27,7 @@ TEST(ClientFactoryDeathTest, BuildEndsTheProcessWithAFaultWhenNoClientCanBeMade)
   env.Set("PBR_ELEMENT_BACKEND", "fpga");
   vqmw_t* mw = vqmw_init("pbr-app");
   EXPECT_EXIT(pbr::PbrClient::Build(mw, nullptr), ::testing::ExitedWithCode(1),
-              "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory, kernel");
+              "PBR_ELEMENT_BACKEND='fpga' names no backend; valid: memory, kernel, classifier");
   EXPECT_NE(env.Faults().find("\"severity\":1"), std::string::npos);
   EXPECT_NE(env.Faults().find("names no backend"), std::string::npos);
   vqmw_finish(&mw);
