@@ -16,6 +16,10 @@ Commands (each one commit; without a command pbr-cli reads commands interactivel
   load merge|replace FILE [--format json|xml]
                                         merge a document into the running configuration
                                         or replace it (format by the file's extension)
+  debug [CATEGORY LEVEL | CATEGORY=LEVEL,...]
+                                        show the trace levels of every process, or change
+                                        them at once (LEVEL a number or off; '*' is every
+                                        category)
   help                                  this text
 
 Paths are keypaths without prefixes; keys go in braces:
@@ -37,6 +41,7 @@ constexpr std::string_view kShellHelp =
   discard                      drop the candidate
   load merge|replace FILE [--format json|xml]
                                load a document and commit it at once
+  debug [CATEGORY LEVEL]       show or change the trace levels of every process
   help                         this text
   exit                         leave (an uncommitted candidate is dropped)
 
@@ -121,6 +126,16 @@ ParseResult ParseEdit(std::span<const std::string> words) {
   return {std::move(edit), {}};
 }
 
+// debug; debug CATEGORY LEVEL; debug CATEGORY=LEVEL,... as PBR_ELEMENT_TRACE is written.
+ParseResult ParseDebug(std::span<const std::string> args) {
+  if (args.empty()) return {DebugCommand{}, {}};
+  if (args.size() == 1 && args[0].find('=') != std::string::npos) {
+    return {DebugCommand{args[0]}, {}};
+  }
+  if (args.size() == 2) return {DebugCommand{args[0] + "=" + args[1]}, {}};
+  return Fail("usage: debug [CATEGORY LEVEL | CATEGORY=LEVEL,...]");
+}
+
 ParseResult ParseLoad(std::span<const std::string> args) {
   LoadCommand load;
   std::optional<mgmt::Load::Format> format;
@@ -174,6 +189,7 @@ ParseResult Parse(std::span<const std::string> words, Context context) {
   if (verb == "show") return ParseShow(args, context);
   if (verb == "set" || verb == "delete") return ParseEdit(words);
   if (verb == "load") return ParseLoad(args);
+  if (verb == "debug") return ParseDebug(args);
   if (verb == "help" || (!shell && (verb == "--help" || verb == "-h"))) return {Help{}, {}};
   if (shell && args.empty()) {
     if (verb == "commit") return {Commit{}, {}};

@@ -38,13 +38,18 @@ struct LoadCommand {
   std::string file;
 };
 
+// Trace levels of the element's processes: shown, or changed ("CATEGORY=LEVEL,...").
+struct DebugCommand {
+  std::optional<std::string> levels;
+};
+
 struct Commit {};
 struct Discard {};
 struct Help {};
 struct Exit {};
 
 using Command = std::variant<ShowRunning, ShowPbr, ShowCandidate, EditCommand, LoadCommand, Commit,
-                             Discard, Help, Exit>;
+                             Discard, Help, Exit, DebugCommand>;
 
 // Where a command is given: the one-shot form commits each edit at once; the shell collects
 // edits in a candidate and knows commit, discard, show candidate and exit.

@@ -61,6 +61,7 @@ class Session {
   int CommitCandidate();
   int LoadFile(const LoadCommand& load);
   int ShowCandidateChanges();
+  int Debug(const DebugCommand& debug);
 
   SessionOptions options_;
   std::ostream& out_;

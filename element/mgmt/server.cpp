@@ -24,6 +24,7 @@
 #include "element/mgmt/running_store.h"
 #include "element/mgmt/schema_info.h"
 #include "element/middleware/log.h"
+#include "element/middleware/trace_config.h"
 #include "element/yang/module.h"
 
 namespace pbr::mgmt {
@@ -41,6 +42,9 @@ constexpr CallpointBinding kCallpoints[] = {{"show_pbr", "/router/pbr-status", "
 // Get-object requests go out in chunks of this many keys, so that no message grows with the
 // configuration and other sessions are served in between.
 constexpr int kObjectsPerRequest = 4096;
+
+// Input a connection may hold without charge to the input budget: any small request.
+constexpr size_t kFreeInput = 64u << 10;
 
 std::string Errno(const std::string& what) {
   return what + ": " + std::strerror(errno);
@@ -60,8 +64,12 @@ struct Server::Impl {
     int fd = -1;
     sd_event_source* io = nullptr;
     FramedStream stream;
+    size_t charged = 0;                     // of the input budget
+    sd_event_source* incomplete = nullptr;  // the frame timeout, while input is incomplete
     bool attached = false;
     std::string app;
+    pid_t pid = 0;
+    std::string trace;  // its trace levels, as it attached and as changed since
     std::vector<Subscription> subscriptions;
     std::vector<std::string> callpoints;
   };
@@ -105,6 +113,10 @@ struct Server::Impl {
   sd_event_source* listenSource = nullptr;
   uint64_t nextSession = 1;
   std::map<uint64_t, std::unique_ptr<Session>> sessions;
+  size_t bufferedInput = 0;  // charged to the input budget, over every session
+  // Sessions with complete messages left over from their turn, served by `backlog`.
+  std::set<uint64_t> backlogged;
+  sd_event_source* backlog = nullptr;
   uint64_t seq = 0;
   std::map<uint64_t, PendingCommit> commits;  // by commit seq
   uint64_t nextObjectsRequest = 1;
@@ -115,8 +127,10 @@ struct Server::Impl {
     for (auto& [seqNo, pending] : commits) sd_event_source_unref(pending.timer);
     for (auto& [id, session] : sessions) {
       sd_event_source_unref(session->io);
+      sd_event_source_unref(session->incomplete);
       ::close(session->fd);
     }
+    sd_event_source_unref(backlog);
     sd_event_source_unref(compaction);
     sd_event_source_unref(listenSource);
     if (listenFd >= 0) ::close(listenFd);
@@ -130,9 +144,17 @@ struct Server::Impl {
   static int OnSessionIo(sd_event_source*, int fd, uint32_t revents, void* userdata);
   static int OnAckTimeout(sd_event_source*, uint64_t, void* userdata);
   static int OnCompact(sd_event_source*, void* userdata);
+  static int OnBacklog(sd_event_source*, void* userdata);
+  static int OnIncomplete(sd_event_source*, uint64_t, void* userdata);
 
   void Accept();
   void HandleIo(Session& session, uint32_t revents);
+  // Handles the complete messages read, up to a turn's worth; false when the session closed.
+  bool HandleFrames(Session& session, bool all);
+  // Charges the session's incomplete input to the budget and times it; false when it closed.
+  bool CheckInput(Session& session, bool progressed);
+  // Answers with `why`, logged, and closes the session.
+  void Refuse(Session& session, const std::string& why);
   void HandleMessage(Session& session, const std::string& payload);
   void Send(Session& session, const ServerMessage& message);
   // Sends an encoded message that leaves FramedStream::kHeaderSize bytes in front.
@@ -148,6 +170,7 @@ struct Server::Impl {
   void HandleAck(Session& session, uint64_t seqNo);
   void HandleGetOperational(Session& session, uint64_t request, const GetOperational& get);
   void HandleDataReply(Session& session, const DataReply& reply);
+  void HandleDebug(Session& session, uint64_t request, const Debug& debug);
   void FinishCommitIfDone(uint64_t seqNo);
   void FinishViewIfDone(uint64_t viewId);
 };
@@ -176,6 +199,20 @@ bool Server::Impl::Init(std::string* error) {
 
   persisted = std::make_unique<RunningStore>(options.stateDir);
   if (!persisted->Load(store.get(), error)) return false;
+  // A value stored before its byte limit was enforced would fail every attach of the daemons
+  // that read it: it is cut to fit, and what it held is logged.
+  std::vector<CutValue> cut;
+  CommitError unfit;
+  if (!store->FitStored(&cut, &unfit)) {
+    *error = persisted->path() + ": " + unfit.path + ": " + unfit.message;
+    return false;
+  }
+  for (const CutValue& value : cut) {
+    vqmw::Logger().warn(
+        "stored configuration: {} is longer than its limit in bytes; cut from "
+        "'{}' to '{}'",
+        value.path, value.original, value.kept);
+  }
   return Listen(error);
 }
 
@@ -246,6 +283,7 @@ void Server::Impl::Accept() {
     session->server = this;
     session->id = nextSession++;
     session->fd = fd;
+    session->pid = cred.pid;
     if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
       ::close(fd);
       continue;
@@ -269,28 +307,100 @@ void Server::Impl::HandleIo(Session& session, uint32_t revents) {
     }
   }
   if (revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
-    const FramedStream::Io io = session.stream.ReadFrom(session.fd);
-    std::string payload;
-    for (;;) {
-      const FramedStream::Frame frame = session.stream.Next(&payload);
-      if (frame == FramedStream::Frame::kIncomplete) break;
-      if (frame == FramedStream::Frame::kOversized) {
-        vqmw::Logger().warn("session {}: message over {} bytes, closing", id, kMaxFrameSize);
-        CommitError error{"message too large", ""};
-        Respond(session, 0, &error);
-        session.stream.WriteTo(session.fd);
-        Close(id);
-        return;
-      }
-      HandleMessage(session, payload);
-      if (!sessions.count(id)) return;
-    }
+    // Level-triggered: input left in the socket brings the session back on a later turn, after
+    // the others.
+    const FramedStream::Io io = session.stream.ReadFrom(session.fd, options.readPerTurn);
+    const size_t before = session.stream.BufferedInput();
+    // A peer that has ended gets answers to everything it sent.
+    if (!HandleFrames(session, io != FramedStream::Io::kOk)) return;
     if (io != FramedStream::Io::kOk) {
       Close(id);
       return;
     }
+    if (!CheckInput(session, session.stream.BufferedInput() < before)) return;
   }
   UpdateEvents(session);
+}
+
+bool Server::Impl::HandleFrames(Session& session, bool all) {
+  const uint64_t id = session.id;
+  std::string payload;
+  for (int handled = 0; all || handled < options.messagesPerTurn; ++handled) {
+    const FramedStream::Frame frame = session.stream.Next(&payload);
+    if (frame == FramedStream::Frame::kIncomplete) return true;
+    if (frame == FramedStream::Frame::kOversized) {
+      Refuse(session, "message too large: over " + std::to_string(kMaxFrameSize) + " bytes");
+      return false;
+    }
+    HandleMessage(session, payload);
+    if (!sessions.count(id)) return false;
+  }
+  if (session.stream.HasFrame()) {
+    backlogged.insert(id);
+    if (!backlog) sd_event_add_defer(event, &backlog, OnBacklog, this);
+    sd_event_source_set_enabled(backlog, SD_EVENT_ONESHOT);
+  }
+  return true;
+}
+
+int Server::Impl::OnBacklog(sd_event_source*, void* userdata) {
+  auto* impl = static_cast<Impl*>(userdata);
+  std::set<uint64_t> ids;
+  ids.swap(impl->backlogged);
+  for (uint64_t id : ids) {
+    auto it = impl->sessions.find(id);
+    if (it == impl->sessions.end()) continue;
+    Session& session = *it->second;
+    if (impl->HandleFrames(session, false) && impl->CheckInput(session, true)) {
+      impl->UpdateEvents(session);
+    }
+  }
+  return 0;
+}
+
+bool Server::Impl::CheckInput(Session& session, bool progressed) {
+  const size_t buffered = session.stream.BufferedInput();
+  const size_t charge = buffered > kFreeInput ? buffered - kFreeInput : 0;
+  bufferedInput = bufferedInput - session.charged + charge;
+  session.charged = charge;
+  if (bufferedInput > options.inputBudget) {
+    Refuse(session, "incomplete messages over the server's input budget of " +
+                        std::to_string(options.inputBudget) + " bytes");
+    return false;
+  }
+  if (buffered == 0) {
+    session.incomplete = sd_event_source_disable_unref(session.incomplete);
+    return true;
+  }
+  // The timeout runs from the start of the message now incomplete.
+  const uint64_t usec =
+      std::chrono::duration_cast<std::chrono::microseconds>(options.frameTimeout).count();
+  if (!session.incomplete) {
+    sd_event_add_time_relative(event, &session.incomplete, CLOCK_MONOTONIC, usec, 0, OnIncomplete,
+                               &session);
+  } else if (progressed) {
+    sd_event_source_set_time_relative(session.incomplete, usec);
+    sd_event_source_set_enabled(session.incomplete, SD_EVENT_ONESHOT);
+  }
+  return true;
+}
+
+int Server::Impl::OnIncomplete(sd_event_source*, uint64_t, void* userdata) {
+  auto& session = *static_cast<Session*>(userdata);
+  session.server->Refuse(session, "message incomplete for over " +
+                                      std::to_string(session.server->options.frameTimeout.count()) +
+                                      " ms (" + std::to_string(session.stream.BufferedInput()) +
+                                      " bytes received)");
+  return 0;
+}
+
+void Server::Impl::Refuse(Session& session, const std::string& why) {
+  vqmw::Logger().warn("session {}{}: {}, closing", session.id,
+                      session.app.empty() ? "" : " (" + session.app + ")", why);
+  CommitError error{why, ""};
+  Respond(session, 0, &error);
+  session.stream.WriteTo(session.fd);
+  Close(session.id);
 }
 
 void Server::Impl::UpdateEvents(Session& session) {
@@ -337,6 +447,9 @@ void Server::Impl::Close(uint64_t sessionId) {
   if (it == sessions.end()) return;
   std::unique_ptr<Session> session = std::move(it->second);
   sessions.erase(it);
+  bufferedInput -= session->charged;
+  backlogged.erase(sessionId);
+  sd_event_source_unref(session->incomplete);
   sd_event_source_unref(session->io);
   ::close(session->fd);
   if (session->attached) vqmw::Logger().info("{} detached", session->app);
@@ -397,6 +510,9 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
     case ClientMessage::kGetOperational:
       HandleGetOperational(session, request, message.get_operational());
       return;
+    case ClientMessage::kDebug:
+      HandleDebug(session, request, message.debug());
+      return;
     case ClientMessage::BODY_NOT_SET:
       break;
   }
@@ -442,6 +558,7 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
   }
   session.attached = true;
   session.app = attach.app_name();
+  session.trace = attach.trace();
   session.subscriptions = std::move(subscriptions);
   session.callpoints.assign(attach.callpoint().begin(), attach.callpoint().end());
   vqmw::Logger().info("{} attached: {} subscriptions, {} callpoints", session.app,
@@ -619,6 +736,33 @@ void Server::Impl::HandleDataReply(Session& session, const DataReply& reply) {
   }
   --view.outstanding;
   FinishViewIfDone(viewId);
+}
+
+void Server::Impl::HandleDebug(Session& session, uint64_t request, const Debug& debug) {
+  if (debug.has_levels()) {
+    // The server's own levels first: a malformed change is refused before it goes anywhere.
+    std::string why;
+    if (!vqmw::ChangeTrace(debug.levels(), &why)) {
+      CommitError error{why, ""};
+      Respond(session, request, &error);
+      return;
+    }
+    const vqmw::TraceConfig change = vqmw::TraceConfig::Parse(debug.levels(), nullptr);
+    ServerMessage message;
+    message.mutable_trace_levels()->set_levels(debug.levels());
+    for (auto& [id, s] : sessions) {
+      if (!s->attached) continue;
+      vqmw::TraceConfig levels = vqmw::TraceConfig::Parse(s->trace, nullptr);
+      levels.Apply(change);
+      s->trace = levels.Text();
+      Send(*s, message);
+    }
+  }
+  std::string text = "pbr-mgmtd: " + vqmw::TraceText() + "\n";
+  for (auto& [id, s] : sessions) {
+    if (s->attached) text += s->app + " (pid " + std::to_string(s->pid) + "): " + s->trace + "\n";
+  }
+  Respond(session, request, nullptr, std::move(text));
 }
 
 void Server::Impl::FinishViewIfDone(uint64_t viewId) {
