@@ -36,7 +36,7 @@ TraceConfig TraceConfig::Parse(std::string_view text, std::vector<std::string>* 
     if (name.empty() || level_text.empty() || ec != std::errc() || level < 0) {
       if (errors != nullptr)
         errors->push_back("ignored trace entry '" + std::string(item) +
-                          "': expected <category>=<level> with a level >= 0");
+                          "': expected <category>=<level> with a level >= 0 or off");
       continue;
     }
     if (name == "*") {
