@@ -25,6 +25,7 @@ element=$bin/element
 export PBR_ELEMENT_RUNTIME_DIR=${PBR_ELEMENT_RUNTIME_DIR:-$element/runtime}
 export PBR_ELEMENT_STATE_DIR=${PBR_ELEMENT_STATE_DIR:-$element/state}
 export PBR_ELEMENT_BACKEND=${PBR_ELEMENT_BACKEND:-memory}
+export PBR_ELEMENT_NETCONF_SSH=${PBR_ELEMENT_NETCONF_SSH:-127.0.0.1:8830}
 mkdir -p "$PBR_ELEMENT_RUNTIME_DIR" "$PBR_ELEMENT_STATE_DIR" "$element/log"
 cli=("$bin/element/cli/pbr-cli" --timeout 10)
 

@@ -137,6 +137,10 @@ struct confd_trans_ctx;
 int cdb_num_instances(int sock, const char* fmt, ...);
 int cdb_exists(int sock, const char* fmt, ...);
 int cdb_get_u_int32(int sock, uint32_t* rval, const char* fmt, ...);
+// The string and its NUL into the n bytes at rval. A value of n bytes or more is not cut: the
+// read fails with "value does not fit in <n> bytes", rval is left untouched, and the element logs
+// the path and the value's length. The management server keeps length-limited strings within
+// their limit in bytes, so a buffer of the limit plus one always fits.
 int cdb_get_str(int sock, char* rval, int n, const char* fmt, ...);
 int cdb_get_ipv4(int sock, struct in_addr* rval, const char* fmt, ...);
 int cdb_get_ipv4_and_plen(int sock, struct confd_ipv4_prefix* rval, const char* fmt, ...);

@@ -29,6 +29,10 @@ Commands (each one commit; without a command pbr-cli reads commands interactivel
   show commits [--json]                 the commit history
   show commit ID [--json]               the changes of commit ID
   rollback ID [--dry-run]               commit the configuration as it was after commit ID
+  debug [CATEGORY LEVEL | CATEGORY=LEVEL,...]
+                                        show the trace levels of every process, or change
+                                        them at once (LEVEL a number or off; '*' is every
+                                        category)
   help                                  this text
 
 Paths are keypaths without prefixes; keys go in braces:
@@ -62,6 +66,7 @@ constexpr std::string_view kShellHelp =
   rollback ID [--dry-run]      commit the configuration as it was right after commit ID
   load merge|replace FILE [--format json|xml] [--dry-run]
                                load a document and commit it at once
+  debug [CATEGORY LEVEL]       show or change the trace levels of every process
   help                         this text
   exit, quit                   leave (asks first when changes are not committed)
 
@@ -219,6 +224,16 @@ ParseResult ParseEdit(std::span<const std::string> words) {
   return {std::move(edit), {}};
 }
 
+// debug; debug CATEGORY LEVEL; debug CATEGORY=LEVEL,... as PBR_ELEMENT_TRACE is written.
+ParseResult ParseDebug(std::span<const std::string> args) {
+  if (args.empty()) return {DebugCommand{}, {}};
+  if (args.size() == 1 && args[0].find('=') != std::string::npos) {
+    return {DebugCommand{args[0]}, {}};
+  }
+  if (args.size() == 2) return {DebugCommand{args[0] + "=" + args[1]}, {}};
+  return Fail("usage: debug [CATEGORY LEVEL | CATEGORY=LEVEL,...]");
+}
+
 ParseResult ParseLoad(std::span<const std::string> args) {
   LoadCommand load;
   std::optional<mgmt::Load::Format> format;
@@ -328,6 +343,7 @@ ParseResult Parse(std::span<const std::string> words, Context context) {
   if (verb == "set" || verb == "delete") return ParseEdit(words);
   if (verb == "load") return ParseLoad(args);
   if (verb == "rollback") return ParseRollback(args);
+  if (verb == "debug") return ParseDebug(args);
   if (verb == "help" || (!shell && (verb == "--help" || verb == "-h"))) return {Help{}, {}};
   if (shell && verb == "commit") return ParseCommit(args);
   if (shell && (verb == "lock" || verb == "unlock")) return ParseLock(verb, args);

@@ -55,6 +55,11 @@ struct LoadCommand {
   bool dryRun = false;
 };
 
+// Trace levels of the element's processes: shown, or changed ("CATEGORY=LEVEL,...").
+struct DebugCommand {
+  std::optional<std::string> levels;
+};
+
 struct Commit {
   std::string comment;
   std::optional<uint32_t> confirmSeconds;  // commit confirmed
@@ -73,7 +78,7 @@ struct Exit {};
 
 using Command = std::variant<ShowRunning, ShowPbr, ShowCandidate, ShowCommits, EditCommand,
                              LoadCommand, RollbackCommand, Commit, Discard, Validate, Update,
-                             Confirm, Abort, LockCommand, Help, Exit>;
+                             Confirm, Abort, LockCommand, Help, Exit, DebugCommand>;
 
 // Where a command is given: the one-shot form commits each edit at once; the shell collects
 // edits in a candidate and knows commit, discard, show candidate and exit.

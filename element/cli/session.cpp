@@ -66,6 +66,7 @@ int Session::Run(const Command& command, Context context) {
             exitRequested_ = true;
             return int{kExitOk};
           },
+          [&](const DebugCommand& c) { return Debug(c); },
       },
       command);
 }
@@ -283,6 +284,17 @@ ly_ctx* Session::Schema() {
     }
   }
   return schema_.get();
+}
+
+int Session::Debug(const DebugCommand& debug) {
+  mgmt::ClientMessage request;
+  mgmt::Debug* body = request.mutable_debug();
+  if (debug.levels) body->set_levels(*debug.levels);
+  mgmt::Response response;
+  if (const int status = Call(std::move(request), &response)) return status;
+  if (const int status = Refusal(response)) return status;
+  WriteText(out_, response.data());
+  return kExitOk;
 }
 
 int Session::RunningJson(std::string* json) {

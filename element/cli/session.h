@@ -78,6 +78,7 @@ class Session {
   int Lock(const LockCommand& lock);
   // Prints changes ({"changes": [...]}) as set/delete lines, or `none` when there are none.
   int PrintChanges(const std::string& json, bool asJson, const char* none);
+  int Debug(const DebugCommand& debug);
 
   SessionOptions options_;
   std::ostream& out_;

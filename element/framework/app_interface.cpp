@@ -40,6 +40,7 @@
 #include "element/framework/values.h"
 #include "element/mgmt/framing.h"
 #include "element/mgmt/mgmt.pb.h"
+#include "element/middleware/log.h"
 #include "element/middleware/loop.h"
 #include "platform/vqconfd.h"
 
@@ -185,6 +186,7 @@ void AppInterface::Impl::Connect() {
   message.set_id(nextRequest++);
   pbr::mgmt::Attach* attach = message.mutable_attach();
   attach->set_app_name(app);
+  attach->set_trace(vqmw::TraceText());
   for (const Point& p : points) {
     pbr::mgmt::Subscription* sub = attach->add_subscription();
     sub->set_priority(p.point->priority);
@@ -334,6 +336,13 @@ void AppInterface::Impl::Handle(pbr::mgmt::ServerMessage& message) {
     case pbr::mgmt::ServerMessage::kGetObjects:
       HandleGetObjects(message.get_objects());
       return;
+    case pbr::mgmt::ServerMessage::kTraceLevels: {
+      std::string why;
+      if (!vqmw::ChangeTrace(message.trace_levels().levels(), &why)) {
+        vqmw::Logger().warn("{}: trace levels not changed: {}", app, why);
+      }
+      return;
+    }
     case pbr::mgmt::ServerMessage::kResponse:
       // Only a refusal is answered with a Response: the server will not have this daemon.
       FW_LOG(this, "management server refused: %s (%s)",

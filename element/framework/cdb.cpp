@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "element/framework/values.h"
+#include "element/middleware/log.h"
 #include "platform/confd_lib.h"
 
 namespace vqconfd::detail {
@@ -131,7 +132,14 @@ int cdb_get_str(int sock, char* rval, int n, const char* fmt, ...) {
   va_end(ap);
   if (r != CONFD_OK) return r;
   if (n <= 0 || v.val.buf.size >= static_cast<unsigned>(n)) {
+    // Cutting would hand the caller a value the configuration does not hold.
     SetLastError("value does not fit in " + std::to_string(n) + " bytes");
+    va_start(ap, fmt);
+    vqmw::Logger().error(
+        "framework: the value at {} has {} bytes, the reader's buffer {} with the "
+        "NUL; the read fails",
+        std::strchr(fmt, '%') ? vqconfd::detail::Format(fmt, ap) : fmt, v.val.buf.size, n);
+    va_end(ap);
     return CONFD_ERR;
   }
   std::memcpy(rval, v.val.buf.ptr, v.val.buf.size);

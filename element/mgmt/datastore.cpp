@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "element/mgmt/byte_limits.h"
 #include "element/mgmt/data_path.h"
 #include "element/mgmt/json_text.h"
 #include "element/mgmt/schema_info.h"
@@ -97,6 +98,48 @@ CommitError Datastore::ValidationError(lyd_node* tree) const {
       return error;
     }
   }
+  return error;
+}
+
+CommitError Datastore::ParseError() const {
+  CommitError error = LastError("cannot parse the document");
+  // A key value the parser refuses leaves no entry to name: libyang names the key's schema
+  // node, `Data location "/pbr:router/pbr/id", line number 3.`, and the value in its message.
+  constexpr std::string_view kLead = "Data location \"";
+  if (!error.path.starts_with(kLead)) return error;
+  const size_t close = error.path.find('"', kLead.size());
+  const size_t quoted = error.message.find("alue \"");
+  if (close == std::string::npos || quoted == std::string::npos) return error;
+  const std::string path = error.path.substr(kLead.size(), close - kLead.size());
+  const size_t valueStart = quoted + 6;
+  const size_t valueEnd = error.message.find('"', valueStart);
+  const size_t slash = path.rfind('/');
+  const lysc_node* key = lys_find_path(ctx_, nullptr, path.c_str(), 0);
+  const bool onlyKey = key && lysc_is_key(key) && key->parent &&
+                       lysc_node_child(key->parent) == key &&
+                       !(key->next && lysc_is_key(key->next));
+  if (valueEnd == std::string::npos || slash == std::string::npos || !onlyKey) return error;
+  const std::string value = error.message.substr(valueStart, valueEnd - valueStart);
+  if (value.find('\'') != std::string::npos) return error;
+  const std::string name = path.substr(slash + 1);
+  error.path = std::string(kLead) + path.substr(0, slash) + "[" + name + "='" + value + "']/" +
+               name + error.path.substr(close);
+  return error;
+}
+
+CommitError Datastore::ReplaceError(const std::string& data, LYD_FORMAT format) const {
+  CommitError error = ParseError();
+  // A document that parses but does not validate is validated again on its own, so that the
+  // refusal names the list entry at fault as a merge's does; this runs only for refusals.
+  lyd_node* doc = nullptr;
+  if (lyd_parse_data_mem(ctx_, data.c_str(), format,
+                         LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0,
+                         &doc) == LY_SUCCESS &&
+      lyd_validate_all(&doc, ctx_, LYD_VALIDATE_PRESENT | LYD_VALIDATE_NO_STATE, nullptr) !=
+          LY_SUCCESS) {
+    error = ValidationError(doc);
+  }
+  lyd_free_siblings(doc);
   return error;
 }
 
@@ -223,6 +266,7 @@ bool Datastore::FinishPartial(Candidate* candidate, CommitError* error) const {
     *error = ValidationError(candidate->tree);
     return false;
   }
+  if (!FitsBytes(candidate->tree, error)) return false;
   for (lyd_node* top = candidate->tree; top; top = top->next) {
     for (lyd_node* child = lyd_child(top); child; child = child->next) {
       if (IsUnitList(child->schema)) candidate->entries[child->schema][EntryKey::Of(child)] = child;
@@ -315,8 +359,8 @@ std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
   if (load.mode() == Load::REPLACE) {
     if (lyd_parse_data_mem(ctx_, load.data().c_str(), format, LYD_PARSE_STRICT | LYD_PARSE_NO_STATE,
                            LYD_VALIDATE_NO_STATE, &doc) != LY_SUCCESS) {
-      *error = LastError("cannot parse the document");
       lyd_free_siblings(doc);
+      *error = ReplaceError(load.data(), format);
       return nullptr;
     }
     // Parsing validated the document; the whole tree is not walked a second time.
@@ -329,7 +373,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
   if (lyd_parse_data_mem(ctx_, load.data().c_str(), format,
                          LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0,
                          &doc) != LY_SUCCESS) {
-    *error = LastError("cannot parse the document");
+    *error = ParseError();
     lyd_free_siblings(doc);
     return nullptr;
   }
@@ -391,6 +435,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
     *error = ValidationError(candidate->tree);
     return nullptr;
   }
+  if (!FitsBytes(candidate->tree, error)) return nullptr;
   for (lyd_node* top = candidate->tree; top; top = top->next) {
     for (lyd_node* child = lyd_child(top); child; child = child->next) {
       candidate->entries[child->schema][EntryKey::Of(child)] = child;
@@ -428,7 +473,24 @@ std::unique_ptr<Candidate> Datastore::PrepareWhole(lyd_node* tree, CommitError* 
     *error = ValidationError(candidate->tree);
     return nullptr;
   }
+  if (!FitsBytes(candidate->tree, error)) return nullptr;
   return candidate;
+}
+
+bool Datastore::FitsBytes(const lyd_node* tree, CommitError* error) const {
+  const lyd_node* overlong = FindOverlong(tree);
+  if (!overlong) return true;
+  char* path = lyd_path(overlong, LYD_PATH_STD, nullptr, 0);
+  *error = {OverlongReason(overlong), path ? path : ""};
+  free(path);
+  return false;
+}
+
+bool Datastore::FitStored(std::vector<CutValue>* cut, CommitError* error) {
+  const lyd_node* unfit = FitOverlong(running_, cut);
+  if (!unfit) return true;
+  FitsBytes(unfit, error);
+  return false;
 }
 
 void Datastore::Diff(const Candidate& candidate, ChangeList* out) const {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "element/mgmt/data_path.h"
+#include "element/mgmt/byte_limits.h"
 #include "element/mgmt/diff.h"
 #include "element/mgmt/entry_key.h"
 #include "element/mgmt/journal.pb.h"
@@ -67,6 +68,11 @@ class Datastore {
   // Replaces the running configuration with a stored JSON document, validated; at start-up.
   bool LoadRunning(std::string_view json, CommitError* error);
 
+  // Holds a configuration stored before byte limits were enforced to them, at start-up: cuts
+  // over-long leaf values (listed in *cut, for the log); false with *error naming a value that
+  // cannot be cut.
+  bool FitStored(std::vector<CutValue>* cut, CommitError* error);
+
   // A validated candidate from operator edits or a document; null with *error when the result
   // would be invalid. Nothing changes until Apply.
   std::unique_ptr<Candidate> Prepare(const Edit& edit, CommitError* error);
@@ -113,11 +119,17 @@ class Datastore {
   lyd_node* TopContainer(const lysc_node* schema) const;
   void Reindex();
   CommitError LastError(std::string_view fallback) const;
+  // The error of a failed parse; a refused key value is named with its entry's key.
+  CommitError ParseError() const;
+  // The error of a replace document that failed to parse and validate.
+  CommitError ReplaceError(const std::string& data, LYD_FORMAT format) const;
   // The error of a failed validation of `tree`, its path naming the list entry at fault.
   CommitError ValidationError(lyd_node* tree) const;
   // `validated`: the tree was validated as it was parsed.
   std::unique_ptr<Candidate> PrepareWhole(lyd_node* tree, CommitError* error,
                                           bool validated = false);
+  // False with *error naming the first value of `tree` over its byte limit.
+  bool FitsBytes(const lyd_node* tree, CommitError* error) const;
   // Leaves out of a partial candidate the entries equal to their running versions, so that
   // neither the journal nor the running tree spends work on them.
   void DropUnchanged(Candidate* candidate) const;

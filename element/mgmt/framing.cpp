@@ -19,9 +19,9 @@ void Release(std::string* buffer) {
 
 }  // namespace
 
-FramedStream::Io FramedStream::ReadFrom(int fd) {
+FramedStream::Io FramedStream::ReadFrom(int fd, size_t limit) {
   constexpr size_t kChunk = 256 * 1024;
-  for (;;) {
+  for (size_t total = 0; total < limit;) {
     // Drop consumed input before growing, so that a long session does not keep old frames.
     if (inOffset_ > 0 && inOffset_ * 2 >= in_.size()) {
       in_.erase(0, inOffset_);
@@ -31,12 +31,25 @@ FramedStream::Io FramedStream::ReadFrom(int fd) {
     in_.resize(used + kChunk);
     const ssize_t n = ::read(fd, in_.data() + used, kChunk);
     in_.resize(used + (n > 0 ? static_cast<size_t>(n) : 0));
-    if (n > 0) continue;
+    if (n > 0) {
+      total += static_cast<size_t>(n);
+      continue;
+    }
     if (n == 0) return Io::kClosed;
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) return Io::kOk;
     return Io::kError;
   }
+  return Io::kOk;
+}
+
+bool FramedStream::HasFrame() const {
+  const size_t avail = in_.size() - inOffset_;
+  if (avail < 4) return false;
+  const auto* p = reinterpret_cast<const unsigned char*>(in_.data() + inOffset_);
+  const uint32_t len =
+      (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
+  return len > maxFrameSize_ || avail - 4 >= len;
 }
 
 FramedStream::Frame FramedStream::Next(std::string* payload) {

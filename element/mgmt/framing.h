@@ -20,8 +20,13 @@ class FramedStream {
   explicit FramedStream(uint32_t maxFrameSize = kMaxFrameSize) : maxFrameSize_(maxFrameSize) {}
 
   enum class Io { kOk, kClosed, kError };
-  // Reads everything the fd has now (until EAGAIN). kClosed: the peer ended the stream.
-  Io ReadFrom(int fd);
+  // Reads what the fd has now (until EAGAIN), or about `limit` bytes when it has more, so that
+  // one connection cannot hold a loop's turn. kClosed: the peer ended the stream.
+  Io ReadFrom(int fd, size_t limit = SIZE_MAX);
+  // Input read and not yet taken by Next: the start of a message, or messages not yet taken.
+  size_t BufferedInput() const { return in_.size() - inOffset_; }
+  // Whether Next would return other than kIncomplete now.
+  bool HasFrame() const;
 
   enum class Frame { kComplete, kIncomplete, kOversized };
   // Takes the next complete frame's payload out of the input. kOversized: the peer announced a

@@ -1,6 +1,6 @@
 // pbr-mgmtd: the element's management server. Logs to the element's log ($PBR_ELEMENT_LOG),
 // tells a service manager it is ready with sd_notify once its socket accepts connections, and
-// runs until SIGTERM or SIGINT.
+// runs until SIGTERM or SIGINT. SIGHUP reopens the log file, for log rotation.
 #include <signal.h>
 #include <stdlib.h>
 #include <systemd/sd-daemon.h>
@@ -37,6 +37,13 @@ Exit status: 0 stopped by a signal; 1 cannot start (another server runs, the sto
 configuration is invalid, the socket cannot be made); 2 invalid arguments.
 )";
 
+int OnHangup(sd_event_source*, const signalfd_siginfo*, void*) {
+  vqmw::Logger().info("pbr-mgmtd: SIGHUP received, reopening the log");
+  vqmw::ReopenLog();
+  vqmw::Logger().info("pbr-mgmtd: log reopened");
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -57,12 +64,14 @@ int main(int argc, char** argv) {
   sigemptyset(&mask);
   sigaddset(&mask, SIGTERM);
   sigaddset(&mask, SIGINT);
+  sigaddset(&mask, SIGHUP);
   sigprocmask(SIG_BLOCK, &mask, nullptr);
 
   sd_event* event = nullptr;
   if (sd_event_default(&event) < 0) return 1;
   sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
   sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
+  sd_event_add_signal(event, nullptr, SIGHUP, OnHangup, nullptr);
 
   std::string error;
   auto server = pbr::mgmt::Server::Create(event, options, &error);

@@ -84,6 +84,17 @@ bool ForEachNode(const ly_ctx* ctx, Fn fn) {
   return ForEachNode(pbr::yang::Module(ctx)->compiled->data, fn);
 }
 
+// The upper bound of a string leaf's length restriction; 0 without one.
+uint32_t MaxLength(const lysc_node* node) {
+  const lysc_type* type = node->nodetype & LYS_LEAF
+                              ? reinterpret_cast<const lysc_node_leaf*>(node)->type
+                              : reinterpret_cast<const lysc_node_leaflist*>(node)->type;
+  if (type->basetype != LY_TYPE_STRING) return 0;
+  const lysc_range* length = reinterpret_cast<const lysc_type_str*>(type)->length;
+  if (!length || LY_ARRAY_COUNT(length->parts) == 0) return 0;
+  return static_cast<uint32_t>(length->parts[LY_ARRAY_COUNT(length->parts) - 1].max_u64);
+}
+
 }  // namespace
 
 bool SchemaInfo::Annotate(ly_ctx* ctx, uint32_t ns, std::string* error) {
@@ -122,7 +133,10 @@ bool SchemaInfo::Annotate(ly_ctx* ctx, uint32_t ns, std::string* error) {
       }
       info.tag = *tag;
     }
-    if (node->nodetype & (LYS_LEAF | LYS_LEAFLIST)) info.type = types.at(Path(node));
+    if (node->nodetype & (LYS_LEAF | LYS_LEAFLIST)) {
+      info.type = types.at(Path(node));
+      info.maxBytes = MaxLength(node);
+    }
     const_cast<lysc_node*>(node)->priv = &info;
     return true;
   });

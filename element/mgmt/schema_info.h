@@ -18,6 +18,9 @@ struct NodeInfo {
   uint32_t tag = 0;
   uint32_t ns = 0;
   confd_vtype type = C_NOEXISTS;  // leaves and leaf-lists only
+  // Strings with a length limit: the limit holds in bytes too, as daemons read such values into
+  // buffers of that many bytes and a NUL. 0: no limit.
+  uint32_t maxBytes = 0;
 };
 
 class SchemaInfo {

@@ -33,6 +33,7 @@
 #include "element/mgmt/schema_info.h"
 #include "element/mgmt/session_candidate.h"
 #include "element/middleware/log.h"
+#include "element/middleware/trace_config.h"
 #include "element/yang/module.h"
 
 namespace pbr::mgmt {
@@ -58,6 +59,8 @@ constexpr int kObjectsPerRequest = 4096;
 // How long a confirmed commit left unconfirmed by a restart waits for a daemon to attach before
 // it is undone (microseconds).
 constexpr uint64_t kRestartGrace = 5'000'000;
+// Input a connection may hold without charge to the input budget: any small request.
+constexpr size_t kFreeInput = 64u << 10;
 
 std::string Errno(const std::string& what) {
   return what + ": " + std::strerror(errno);
@@ -121,10 +124,14 @@ struct Server::Impl {
     int fd = -1;
     sd_event_source* io = nullptr;
     FramedStream stream;
+    size_t charged = 0;                     // of the input budget
+    sd_event_source* incomplete = nullptr;  // the frame timeout, while input is incomplete
     bool attached = false;
     std::string user;                             // from the peer's credentials
     std::unique_ptr<SessionCandidate> candidate;  // created by the first candidate edit
     std::string app;
+    pid_t pid = 0;
+    std::string trace;  // its trace levels, as it attached and as changed since
     std::vector<Subscription> subscriptions;
     std::vector<std::string> callpoints;
   };
@@ -188,6 +195,10 @@ struct Server::Impl {
   sd_event_source* listenSource = nullptr;
   uint64_t nextSession = 1;
   std::map<uint64_t, std::unique_ptr<Session>> sessions;
+  size_t bufferedInput = 0;  // charged to the input budget, over every session
+  // Sessions with complete messages left over from their turn, served by `backlog`.
+  std::set<uint64_t> backlogged;
+  sd_event_source* backlog = nullptr;
   uint64_t seq = 0;
   std::map<uint64_t, PendingCommit> commits;  // by commit seq
   uint64_t nextObjectsRequest = 1;
@@ -199,8 +210,10 @@ struct Server::Impl {
     if (confirmation) sd_event_source_unref(confirmation->timer);
     for (auto& [id, session] : sessions) {
       sd_event_source_unref(session->io);
+      sd_event_source_unref(session->incomplete);
       ::close(session->fd);
     }
+    sd_event_source_unref(backlog);
     sd_event_source_unref(compaction);
     sd_event_source_unref(listenSource);
     if (listenFd >= 0) ::close(listenFd);
@@ -217,9 +230,17 @@ struct Server::Impl {
   static int OnSessionIo(sd_event_source*, int fd, uint32_t revents, void* userdata);
   static int OnAckTimeout(sd_event_source*, uint64_t, void* userdata);
   static int OnCompact(sd_event_source*, void* userdata);
+  static int OnBacklog(sd_event_source*, void* userdata);
+  static int OnIncomplete(sd_event_source*, uint64_t, void* userdata);
 
   void Accept();
   void HandleIo(Session& session, uint32_t revents);
+  // Handles the complete messages read, up to a turn's worth; false when the session closed.
+  bool HandleFrames(Session& session, bool all);
+  // Charges the session's incomplete input to the budget and times it; false when it closed.
+  bool CheckInput(Session& session, bool progressed);
+  // Answers with `why`, logged, and closes the session.
+  void Refuse(Session& session, const std::string& why);
   void HandleMessage(Session& session, const std::string& payload);
   void Send(Session& session, const ServerMessage& message);
   // Sends an encoded message that leaves FramedStream::kHeaderSize bytes in front.
@@ -270,6 +291,7 @@ struct Server::Impl {
   void HandleAck(Session& session, uint64_t seqNo);
   void HandleGetOperational(Session& session, uint64_t request, const GetOperational& get);
   void HandleDataReply(Session& session, const DataReply& reply);
+  void HandleDebug(Session& session, uint64_t request, const Debug& debug);
   void FinishCommitIfDone(uint64_t seqNo);
   void FinishViewIfDone(uint64_t viewId);
 };
@@ -298,6 +320,20 @@ bool Server::Impl::Init(std::string* error) {
 
   persisted = std::make_unique<RunningStore>(options.stateDir);
   if (!persisted->Load(store.get(), error)) return false;
+  // A value stored before its byte limit was enforced would fail every attach of the daemons
+  // that read it: it is cut to fit, and what it held is logged.
+  std::vector<CutValue> cut;
+  CommitError unfit;
+  if (!store->FitStored(&cut, &unfit)) {
+    *error = persisted->path() + ": " + unfit.path + ": " + unfit.message;
+    return false;
+  }
+  for (const CutValue& value : cut) {
+    vqmw::Logger().warn(
+        "stored configuration: {} is longer than its limit in bytes; cut from "
+        "'{}' to '{}'",
+        value.path, value.original, value.kept);
+  }
   history = std::make_unique<CommitHistory>(options.stateDir, options.historySize);
   if (!history->Load(error)) return false;
   system.server = this;
@@ -388,6 +424,7 @@ void Server::Impl::Accept() {
     session->user = UserName(cred.uid);
     session->id = nextSession++;
     session->fd = fd;
+    session->pid = cred.pid;
     if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
       ::close(fd);
       continue;
@@ -411,28 +448,100 @@ void Server::Impl::HandleIo(Session& session, uint32_t revents) {
     }
   }
   if (revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
-    const FramedStream::Io io = session.stream.ReadFrom(session.fd);
-    std::string payload;
-    for (;;) {
-      const FramedStream::Frame frame = session.stream.Next(&payload);
-      if (frame == FramedStream::Frame::kIncomplete) break;
-      if (frame == FramedStream::Frame::kOversized) {
-        vqmw::Logger().warn("session {}: message over {} bytes, closing", id, kMaxFrameSize);
-        CommitError error{"message too large", ""};
-        Respond(session, 0, &error);
-        session.stream.WriteTo(session.fd);
-        Close(id);
-        return;
-      }
-      HandleMessage(session, payload);
-      if (!sessions.count(id)) return;
-    }
+    // Level-triggered: input left in the socket brings the session back on a later turn, after
+    // the others.
+    const FramedStream::Io io = session.stream.ReadFrom(session.fd, options.readPerTurn);
+    const size_t before = session.stream.BufferedInput();
+    // A peer that has ended gets answers to everything it sent.
+    if (!HandleFrames(session, io != FramedStream::Io::kOk)) return;
     if (io != FramedStream::Io::kOk) {
       Close(id);
       return;
     }
+    if (!CheckInput(session, session.stream.BufferedInput() < before)) return;
   }
   UpdateEvents(session);
+}
+
+bool Server::Impl::HandleFrames(Session& session, bool all) {
+  const uint64_t id = session.id;
+  std::string payload;
+  for (int handled = 0; all || handled < options.messagesPerTurn; ++handled) {
+    const FramedStream::Frame frame = session.stream.Next(&payload);
+    if (frame == FramedStream::Frame::kIncomplete) return true;
+    if (frame == FramedStream::Frame::kOversized) {
+      Refuse(session, "message too large: over " + std::to_string(kMaxFrameSize) + " bytes");
+      return false;
+    }
+    HandleMessage(session, payload);
+    if (!sessions.count(id)) return false;
+  }
+  if (session.stream.HasFrame()) {
+    backlogged.insert(id);
+    if (!backlog) sd_event_add_defer(event, &backlog, OnBacklog, this);
+    sd_event_source_set_enabled(backlog, SD_EVENT_ONESHOT);
+  }
+  return true;
+}
+
+int Server::Impl::OnBacklog(sd_event_source*, void* userdata) {
+  auto* impl = static_cast<Impl*>(userdata);
+  std::set<uint64_t> ids;
+  ids.swap(impl->backlogged);
+  for (uint64_t id : ids) {
+    auto it = impl->sessions.find(id);
+    if (it == impl->sessions.end()) continue;
+    Session& session = *it->second;
+    if (impl->HandleFrames(session, false) && impl->CheckInput(session, true)) {
+      impl->UpdateEvents(session);
+    }
+  }
+  return 0;
+}
+
+bool Server::Impl::CheckInput(Session& session, bool progressed) {
+  const size_t buffered = session.stream.BufferedInput();
+  const size_t charge = buffered > kFreeInput ? buffered - kFreeInput : 0;
+  bufferedInput = bufferedInput - session.charged + charge;
+  session.charged = charge;
+  if (bufferedInput > options.inputBudget) {
+    Refuse(session, "incomplete messages over the server's input budget of " +
+                        std::to_string(options.inputBudget) + " bytes");
+    return false;
+  }
+  if (buffered == 0) {
+    session.incomplete = sd_event_source_disable_unref(session.incomplete);
+    return true;
+  }
+  // The timeout runs from the start of the message now incomplete.
+  const uint64_t usec =
+      std::chrono::duration_cast<std::chrono::microseconds>(options.frameTimeout).count();
+  if (!session.incomplete) {
+    sd_event_add_time_relative(event, &session.incomplete, CLOCK_MONOTONIC, usec, 0, OnIncomplete,
+                               &session);
+  } else if (progressed) {
+    sd_event_source_set_time_relative(session.incomplete, usec);
+    sd_event_source_set_enabled(session.incomplete, SD_EVENT_ONESHOT);
+  }
+  return true;
+}
+
+int Server::Impl::OnIncomplete(sd_event_source*, uint64_t, void* userdata) {
+  auto& session = *static_cast<Session*>(userdata);
+  session.server->Refuse(session, "message incomplete for over " +
+                                      std::to_string(session.server->options.frameTimeout.count()) +
+                                      " ms (" + std::to_string(session.stream.BufferedInput()) +
+                                      " bytes received)");
+  return 0;
+}
+
+void Server::Impl::Refuse(Session& session, const std::string& why) {
+  vqmw::Logger().warn("session {}{}: {}, closing", session.id,
+                      session.app.empty() ? "" : " (" + session.app + ")", why);
+  CommitError error{why, ""};
+  Respond(session, 0, &error);
+  session.stream.WriteTo(session.fd);
+  Close(session.id);
 }
 
 void Server::Impl::UpdateEvents(Session& session) {
@@ -480,6 +589,9 @@ void Server::Impl::Close(uint64_t sessionId) {
   if (it == sessions.end()) return;
   std::unique_ptr<Session> session = std::move(it->second);
   sessions.erase(it);
+  bufferedInput -= session->charged;
+  backlogged.erase(sessionId);
+  sd_event_source_unref(session->incomplete);
   sd_event_source_unref(session->io);
   ::close(session->fd);
   if (session->attached) vqmw::Logger().info("{} detached", session->app);
@@ -590,6 +702,9 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
     case ClientMessage::kGetOperational:
       HandleGetOperational(session, request, message.get_operational());
       return;
+    case ClientMessage::kDebug:
+      HandleDebug(session, request, message.debug());
+      return;
     case ClientMessage::BODY_NOT_SET:
       break;
   }
@@ -636,6 +751,7 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
   }
   session.attached = true;
   session.app = attach.app_name();
+  session.trace = attach.trace();
   session.subscriptions = std::move(subscriptions);
   session.callpoints.assign(attach.callpoint().begin(), attach.callpoint().end());
   vqmw::Logger().info("{} attached: {} subscriptions, {} callpoints", session.app,
@@ -1216,6 +1332,33 @@ void Server::Impl::HandleDataReply(Session& session, const DataReply& reply) {
   }
   --view.outstanding;
   FinishViewIfDone(viewId);
+}
+
+void Server::Impl::HandleDebug(Session& session, uint64_t request, const Debug& debug) {
+  if (debug.has_levels()) {
+    // The server's own levels first: a malformed change is refused before it goes anywhere.
+    std::string why;
+    if (!vqmw::ChangeTrace(debug.levels(), &why)) {
+      CommitError error{why, ""};
+      Respond(session, request, &error);
+      return;
+    }
+    const vqmw::TraceConfig change = vqmw::TraceConfig::Parse(debug.levels(), nullptr);
+    ServerMessage message;
+    message.mutable_trace_levels()->set_levels(debug.levels());
+    for (auto& [id, s] : sessions) {
+      if (!s->attached) continue;
+      vqmw::TraceConfig levels = vqmw::TraceConfig::Parse(s->trace, nullptr);
+      levels.Apply(change);
+      s->trace = levels.Text();
+      Send(*s, message);
+    }
+  }
+  std::string text = "pbr-mgmtd: " + vqmw::TraceText() + "\n";
+  for (auto& [id, s] : sessions) {
+    if (s->attached) text += s->app + " (pid " + std::to_string(s->pid) + "): " + s->trace + "\n";
+  }
+  Respond(session, request, nullptr, std::move(text));
 }
 
 void Server::Impl::FinishViewIfDone(uint64_t viewId) {

@@ -7,6 +7,7 @@
 #include <systemd/sd-event.h>
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -19,6 +20,15 @@ struct ServerOptions {
   std::chrono::milliseconds ackTimeout{10000};
   // How many commits the history keeps at least.
   size_t historySize = 100;
+  // Input taken from one connection per turn of the loop, so that every session and subscriber
+  // is served while a client streams a large message: bytes read, and messages handled.
+  size_t readPerTurn = 1u << 20;
+  int messagesPerTurn = 32;
+  // Incomplete messages held across connections, beyond 64 KiB each: a connection whose input
+  // takes the total over it is closed. Room for two messages of the largest size.
+  size_t inputBudget = 130u << 20;
+  // How long a message may stay incomplete before its connection is closed.
+  std::chrono::milliseconds frameTimeout{30000};
 };
 
 class Server {

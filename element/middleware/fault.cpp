@@ -84,7 +84,7 @@ void vqmw_gen_fault(int severity, const char* func, const char* file, int line,
     record["application"] = vqmw::AppName();
     record["pid"] = getpid();
     record["function"] = func != nullptr ? func : "";
-    record["file"] = file != nullptr ? file : "";
+    record["file"] = file != nullptr ? vqmw::BaseName(file) : "";
     record["line"] = line;
     record["message"] = message != nullptr ? message : "";
     std::string text = vqmw::Dump(record);

@@ -41,6 +41,7 @@ struct vqmw_s {
   sd_event* event = nullptr;
   sd_event_source* sigterm = nullptr;
   sd_event_source* sigint = nullptr;
+  sd_event_source* sighup = nullptr;
   sd_event_source* deferred_source = nullptr;
   std::deque<std::function<void()>> deferred;
   bool exit_requested = false;

@@ -88,6 +88,41 @@ spdlog::logger& Logger() {
   return *state.logger;
 }
 
+void ReopenLog() {
+  LogState& state = State();
+  std::string error;
+  state.logger = MakeLogger(&error);
+  if (!error.empty()) state.logger->error("{}", error);
+}
+
+bool ChangeTrace(std::string_view text, std::string* error) {
+  LogState& state = State();
+  if (!state.trace_loaded) LoadTrace(state);
+  std::vector<std::string> errors;
+  const TraceConfig change = TraceConfig::Parse(text, &errors);
+  if (!errors.empty()) {
+    *error = errors.front();
+    return false;
+  }
+  state.trace.Apply(change);
+  for (auto& [name, category] : state.categories) category->min_level = state.trace.MinLevel(name);
+  Logger().info("trace levels changed by '{}': {}", text, TraceText());
+  return true;
+}
+
+std::string TraceText() {
+  LogState& state = State();
+  if (!state.trace_loaded) LoadTrace(state);
+  std::vector<std::string> names;
+  for (const auto& [name, category] : state.categories) names.push_back(name);
+  return state.trace.Text(names);
+}
+
+std::string_view BaseName(std::string_view file) {
+  const size_t slash = file.rfind('/');
+  return slash == std::string_view::npos ? file : file.substr(slash + 1);
+}
+
 void ReloadLogConfig() {
   LogState& state = State();
   std::string error;
@@ -144,7 +179,8 @@ void zlog(zlog_category_t* category, const char* file, size_t filelen, const cha
   // zlog adds the line end itself; callers that end a message with one would get blank lines.
   if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
 
-  std::string_view file_name = file != nullptr ? std::string_view(file, filelen) : "?";
+  std::string_view file_name =
+      file != nullptr ? vqmw::BaseName(std::string_view(file, filelen)) : "?";
   std::string_view func_name = func != nullptr ? std::string_view(func, funclen) : "?";
   vqmw::Logger().log(vqmw::ToSpdlog(level), "{}[{}] {}:{} {}: {}", category->name, level, file_name,
                      line, func_name, message);

@@ -1,5 +1,6 @@
-// The middleware loop on sd-event: fd watches, timers, deferred calls, SIGTERM/SIGINT, and the
-// propagation of a callback's exception out of vqmw_loop_while_timeout.
+// The middleware loop on sd-event: fd watches, timers, deferred calls, SIGTERM/SIGINT (end),
+// SIGHUP (log reopened), and the propagation of a callback's exception out of
+// vqmw_loop_while_timeout.
 #include "element/middleware/loop.h"
 
 #include <signal.h>
@@ -53,6 +54,15 @@ int OnSignal(sd_event_source*, const signalfd_siginfo* info, void* userdata) {
   auto* mw = static_cast<vqmw_s*>(userdata);
   Logger().info("{}: {} received, ending the loop", mw->name, strsignal(info->ssi_signo));
   mw->RequestExit(0);
+  return 0;
+}
+
+// Log rotation: the rotated file gets the first record, the new one the second.
+int OnHangup(sd_event_source*, const signalfd_siginfo*, void* userdata) {
+  auto* mw = static_cast<vqmw_s*>(userdata);
+  Logger().info("{}: SIGHUP received, reopening the log", mw->name);
+  ReopenLog();
+  Logger().info("{}: log reopened", mw->name);
   return 0;
 }
 
@@ -125,7 +135,8 @@ vqmw_s::vqmw_s(std::string app_name, int fd) : name(std::move(app_name)), lock_f
 
 vqmw_s::~vqmw_s() {
   sd_event_source_disable_unref(deferred_source);
-  // Disabling the signal sources unblocks SIGTERM and SIGINT again.
+  // Disabling the signal sources unblocks SIGTERM, SIGINT and SIGHUP again.
+  sd_event_source_disable_unref(sighup);
   sd_event_source_disable_unref(sigint);
   sd_event_source_disable_unref(sigterm);
   sd_event_unref(event);
@@ -141,6 +152,9 @@ bool vqmw_s::OpenLoop() {
                             this);
   if (r >= 0)
     r = sd_event_add_signal(event, &sigint, SIGINT | SD_EVENT_SIGNAL_PROCMASK, vqmw::OnSignal,
+                            this);
+  if (r >= 0)
+    r = sd_event_add_signal(event, &sighup, SIGHUP | SD_EVENT_SIGNAL_PROCMASK, vqmw::OnHangup,
                             this);
   if (r >= 0) r = sd_event_add_defer(event, &deferred_source, vqmw::OnDeferred, this);
   if (r >= 0) r = sd_event_source_set_enabled(deferred_source, SD_EVENT_OFF);

@@ -34,8 +34,12 @@ int TakeLock(const std::string& name) {
   if (flock(fd, LOCK_EX | LOCK_NB) < 0) {
     int err = errno;
     if (err == EWOULDBLOCK) {
-      Logger().error("{}: another process is registered under this name (lock {} is held)", name,
-                     path);
+      // The holder wrote its pid into the lock when it took it.
+      char text[32] = {};
+      const ssize_t n = pread(fd, text, sizeof text - 1, 0);
+      const std::string pid = n > 0 ? std::string(text, strcspn(text, "\n")) : "";
+      Logger().error("{}: registration refused: the registration lock {} is held by {}", name, path,
+                     pid.empty() ? std::string("another process") : "pid " + pid);
     } else {
       Logger().error("{}: cannot lock {}: {}", name, path, std::strerror(err));
     }

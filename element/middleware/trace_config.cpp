@@ -25,18 +25,23 @@ TraceConfig TraceConfig::Parse(std::string_view text, std::vector<std::string>* 
     size_t eq = item.find('=');
     std::string_view name = Trim(item.substr(0, eq));
     std::string_view level_text = eq == std::string_view::npos ? "" : Trim(item.substr(eq + 1));
-    int level = 0;
-    auto [end, ec] =
-        std::from_chars(level_text.data(), level_text.data() + level_text.size(), level);
-    if (name.empty() || level_text.empty() || ec != std::errc() ||
-        end != level_text.data() + level_text.size() || level < 0) {
+    int level = kOff;
+    std::errc ec{};
+    const char* end = level_text.data() + level_text.size();
+    if (level_text != "off") {
+      auto parsed = std::from_chars(level_text.data(), end, level);
+      ec = parsed.ec;
+      if (parsed.ptr != end) ec = std::errc::invalid_argument;
+    }
+    if (name.empty() || level_text.empty() || ec != std::errc() || level < 0) {
       if (errors != nullptr)
         errors->push_back("ignored trace entry '" + std::string(item) +
-                          "': expected <category>=<level> with a level >= 0");
+                          "': expected <category>=<level> with a level >= 0 or off");
       continue;
     }
     if (name == "*") {
       config.default_level_ = level;
+      config.has_default_ = true;
     } else {
       config.levels_[std::string(name)] = level;
     }
@@ -47,6 +52,28 @@ TraceConfig TraceConfig::Parse(std::string_view text, std::vector<std::string>* 
 int TraceConfig::MinLevel(std::string_view category) const {
   auto it = levels_.find(category);
   return it != levels_.end() ? it->second : default_level_;
+}
+
+}  // namespace vqmw
+
+namespace vqmw {
+
+void TraceConfig::Apply(const TraceConfig& change) {
+  if (change.has_default_) {
+    default_level_ = change.default_level_;
+    has_default_ = true;
+    levels_.clear();
+  }
+  for (const auto& [name, level] : change.levels_) levels_[name] = level;
+}
+
+std::string TraceConfig::Text(const std::vector<std::string>& also) const {
+  auto level = [](int l) { return l == kOff ? std::string("off") : std::to_string(l); };
+  std::map<std::string, int, std::less<>> all = levels_;
+  for (const std::string& name : also) all.emplace(name, MinLevel(name));
+  std::string text = "*=" + level(default_level_);
+  for (const auto& [name, l] : all) text += "," + name + "=" + level(l);
+  return text;
 }
 
 }  // namespace vqmw

@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <thread>
 
 #include "platform/vqconfd.h"
 #include "tests/element/framework/mgmt_harness.h"
@@ -219,6 +221,38 @@ TEST_F(AttachCommitTest, MalformedAndOversizedMessagesHarmOnlyTheirOwnSession) {
 
   ExpectOk(op_->Merge(R"({"pbr:router":{"pbr":[{"id":8,"rule":{"priority":8}}]}})"));
   EXPECT_EQ(config_->commits, 1);
+}
+
+// The operator's run-time controls of the element's processes: trace levels through the
+// server, and SIGHUP for log rotation.
+TEST_F(AttachCommitTest, TraceLevelsChangeEverywhereAtRunTimeAndSighupReopensTheServersLog) {
+  StartAll();
+  zlog_category_t* category = vqmw_trace_register_category("framework-test");
+  auto debug = [&](std::optional<std::string> levels) {
+    pbr::mgmt::ClientMessage m;
+    auto* body = m.mutable_debug();
+    if (levels) body->set_levels(*levels);
+    return op_->Call(m);
+  };
+  ASSERT_FALSE(zlog_level_enabled(category, 10));
+  pbr::mgmt::Response r = debug("framework-test=10");
+  ExpectOk(r);
+  EXPECT_THAT(r.data(), HasSubstr("pbr-mgmtd: *=off,framework-test=10\n"));
+  EXPECT_THAT(r.data(),
+              HasSubstr("pbr-app (pid " + std::to_string(getpid()) + "): *=off,framework-test=10"));
+  r = debug(std::nullopt);  // by now the change has reached this process
+  EXPECT_TRUE(zlog_level_enabled(category, 10));
+  EXPECT_FALSE(debug("framework-test=loud").ok());
+
+  const std::string rotated = env_.LogPath() + ".1";
+  ASSERT_EQ(rename(env_.LogPath().c_str(), rotated.c_str()), 0);
+  server_.Signal(SIGHUP);
+  for (int i = 0; i < 100 && env_.Log().find("pbr-mgmtd: log reopened") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_THAT(env_.Log(), HasSubstr("pbr-mgmtd: log reopened"));
+  EXPECT_THAT(ElementEnv::Read(rotated), HasSubstr("pbr-mgmtd: SIGHUP received"));
+  ExpectOk(op_->Edit("/router/pbr{9}/rule/priority", "9"));  // still serving
 }
 
 }  // namespace

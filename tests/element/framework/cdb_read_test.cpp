@@ -96,8 +96,15 @@ TEST_P(CdbReadTest, FailedReadsSayWhy) {
   EXPECT_STREQ(confd_lasterr(), "item does not exist");
   EXPECT_EQ(cdb_get_u_int32(kSock, &v, "/router/pbr[0]/rule/description"), CONFD_ERR);
   EXPECT_STREQ(confd_lasterr(), "item has a different type");
-  char small[4];
-  EXPECT_EQ(cdb_get_str(kSock, small, sizeof small, "/router/pbr[0]/rule/description"), CONFD_ERR);
+  // A string fits with its NUL ("rule 1": 7 bytes) or is not read at all: never cut.
+  char fits[7];
+  ASSERT_EQ(cdb_get_str(kSock, fits, sizeof fits, "/router/pbr[0]/rule/description"), CONFD_OK);
+  EXPECT_STREQ(fits, "rule 1");
+  char small[6] = "-";
+  EXPECT_EQ(cdb_get_str(kSock, small, sizeof small, "/router/pbr[%d]/rule/description", 0),
+            CONFD_ERR);
+  EXPECT_STREQ(confd_lasterr(), "value does not fit in 6 bytes");
+  EXPECT_STREQ(small, "-");
   EXPECT_EQ(cdb_num_instances(kSock + 1, "/router/pbr"), CONFD_ERR);
   EXPECT_EQ(cdb_exists(kSock, "router"), CONFD_ERR);
   confd_value_t* values = nullptr;

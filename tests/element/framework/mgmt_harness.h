@@ -29,6 +29,9 @@ class MgmtServer {
     child_ = StartService({PBR_MGMTD}, vqmw::RuntimeDir() + "/test-notify.sock", &error);
     return child_ != nullptr;
   }
+  void Signal(int signal) {
+    if (child_) child_->Signal(signal);
+  }
   // Sends `signal` and waits for the end: the exit status, 128 + the signal when killed by one.
   int Stop(int signal = SIGTERM) {
     if (!child_) return -1;

@@ -170,6 +170,65 @@ TEST_F(DatastoreTest, EditsThatBreakTheModuleOrNameNoEntryAreRefusedAndChangeNot
   EXPECT_EQ(store_->RunningJson(), before);
 }
 
+// Every way of committing names the rule at fault, and holds descriptions to their byte limit:
+// "a" and 16 two-byte characters are 17 characters in 33 bytes.
+TEST_F(DatastoreTest, RefusalsNameTheRuleWhicheverWayTheConfigurationComes) {
+  std::string wide = "a", utf8 = "a";
+  for (int i = 0; i < 16; ++i) {
+    wide += "\\u00e9";
+    utf8 += "\xc3\xa9";
+  }
+  const std::string overlong =
+      R"({"pbr:router":{"pbr":[{"id":1,"rule":{"priority":1,"description":")" + wide + R"("}}]}})";
+  const std::string noPriority =
+      R"({"pbr:router":{"pbr":[{"id":50,"rule":{"priority":1}},{"id":51,"rule":{}}]}})";
+  const std::string badId = R"({"pbr:router":{"pbr":[{"id":70000,"rule":{"priority":1}}]}})";
+  auto replace = [](const std::string& json) {
+    Load load = Merge(json);
+    load.set_mode(Load::REPLACE);
+    return load;
+  };
+  const std::string before = store_->RunningJson();
+  const std::string tooLong = "at most 32 bytes, the value has 33";
+  const struct {
+    CommitError error;
+    std::string path, message;
+  } cases[] = {
+      {Refuse(
+           Set({{"/router/pbr{1}/rule/priority", "1"}, {"/router/pbr{1}/rule/description", utf8}})),
+       "/pbr:router/pbr[id='1']/rule/description", tooLong},
+      {Refuse(Merge(overlong)), "/pbr:router/pbr[id='1']/rule/description", tooLong},
+      {Refuse(replace(overlong)), "/pbr:router/pbr[id='1']/rule/description", tooLong},
+      {Refuse(replace(noPriority)), "/pbr:router/pbr[id='51']/rule/priority", "Mandatory"},
+      {Refuse(Merge(noPriority)), "/pbr:router/pbr[id='51']/rule/priority", "Mandatory"},
+      {Refuse(replace(badId)), "/pbr:router/pbr[id='70000']/id\"", "70000"},
+      {Refuse(Merge(badId)), "/pbr:router/pbr[id='70000']/id\"", "70000"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_THAT(c.error.path, HasSubstr(c.path)) << c.error.message;
+    EXPECT_THAT(c.error.message, HasSubstr(c.message)) << c.error.path;
+  }
+  EXPECT_EQ(store_->RunningJson(), before);
+}
+
+// A description stored before the limit held is cut at a character boundary, and said so.
+TEST_F(DatastoreTest, AStoredOverlongDescriptionIsCutToWholeCharacters) {
+  std::string wide = "ab";
+  for (int i = 0; i < 16; ++i) wide += "\u00e9";
+  CommitError error;
+  ASSERT_TRUE(store_->LoadRunning(R"({"pbr:router":{"pbr":[{"id":4,"rule":{"priority":1,
+      "description":")" + wide + R"("}}]}})",
+                                  &error))
+      << error.message;
+  std::vector<CutValue> cut;
+  ASSERT_TRUE(store_->FitStored(&cut, &error));
+  ASSERT_EQ(cut.size(), 1u);
+  EXPECT_EQ(cut[0].path, "/pbr:router/pbr[id='4']/rule/description");
+  EXPECT_EQ(cut[0].original.size(), 34u);
+  EXPECT_EQ(cut[0].kept.size(), 32u);  // "ab" and 15 characters, not half of the 16th
+  EXPECT_THAT(store_->RunningJson(), HasSubstr(cut[0].kept + "\""));
+}
+
 TEST_F(DatastoreTest, ACommitMessageCarriesEachSubscriptionsChangesAfterTheRoomAskedFor) {
   Commit(Merge(kRule7));
   CommitError error;

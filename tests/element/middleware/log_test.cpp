@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "element/middleware/log.h"
 #include "platform/vqmw.h"
 #include "platform/zlog.h"
 #include "tests/element/middleware/element_env.h"
@@ -86,6 +87,40 @@ TEST_F(LogTest, RecordCarriesCategoryLevelFileLineAndFunctionAndIsWrittenWhole) 
   EXPECT_NE(
       env_.Log().find(" error pbr-app_cache[100] cache.cpp:42 HandlePbrEntry: " + text + "\n"),
       std::string::npos);
+}
+
+TEST_F(LogTest, TraceLevelsChangeAtRunTimeAndTheWildcardResetsEveryCategory) {
+  Start("pbr-app=10");
+  zlog_category_t* app = vqmw_trace_register_category("pbr-app");
+  zlog_category_t* cache = vqmw_trace_register_category("pbr-app_cache");
+  std::string error;
+  ASSERT_TRUE(vqmw::ChangeTrace("pbr-app_cache=20", &error)) << error;
+  EXPECT_TRUE(zlog_level_enabled(app, 10));
+  EXPECT_TRUE(zlog_level_enabled(cache, 20));
+  const std::string levels = vqmw::TraceText();
+  EXPECT_EQ(levels.find("*=off,"), 0u) << levels;
+  EXPECT_NE(levels.find(",pbr-app=10,pbr-app_cache=20"), std::string::npos) << levels;
+
+  EXPECT_FALSE(vqmw::ChangeTrace("pbr-app=loud", &error));
+  EXPECT_NE(error.find("pbr-app=loud"), std::string::npos);
+  EXPECT_TRUE(zlog_level_enabled(app, 10));
+
+  ASSERT_TRUE(vqmw::ChangeTrace("*=off", &error));
+  EXPECT_FALSE(zlog_level_enabled(app, 1000));
+  EXPECT_FALSE(zlog_level_enabled(cache, 1000));
+  ASSERT_TRUE(vqmw::ChangeTrace("*=0", &error));
+  EXPECT_TRUE(zlog_level_enabled(cache, 0));
+}
+
+// Records name the source file, not the directory it was built in.
+TEST_F(LogTest, RecordsAndFaultsNameFilesWithoutTheirDirectories) {
+  Start("pbr-app=0");
+  zlog(vqmw_trace_register_category("pbr-app"), "/build/src/config/cache.cpp", 27, "F", 1, 3, 10,
+       "x");
+  vqmw_gen_fault(0, "F", "/build/src/app/main.cpp", 19, "m");
+  EXPECT_NE(env_.Log().find("] cache.cpp:3 F: x"), std::string::npos) << env_.Log();
+  EXPECT_NE(env_.Faults().find("\"file\":\"main.cpp\""), std::string::npos) << env_.Faults();
+  EXPECT_EQ(env_.Log().find("/build/"), std::string::npos);
 }
 
 }  // namespace

@@ -130,6 +130,21 @@ TEST_P(LoopSignalTest, SignalEndsTheLoopNormally) {
 
 INSTANTIATE_TEST_SUITE_P(TermAndInt, LoopSignalTest, ::testing::Values(SIGTERM, SIGINT));
 
+// As logrotate does it: the file is renamed, SIGHUP makes the process write to a new one.
+TEST_F(LoopTest, SighupReopensTheLogAndTheLoopRunsOn) {
+  const std::string rotated = env_.LogPath() + ".1";
+  ASSERT_EQ(rename(env_.LogPath().c_str(), rotated.c_str()), 0);
+  auto hup = vqmw::StartTimer(mw_, 1ms, [] { kill(getpid(), SIGHUP); });
+  auto later = vqmw::StartTimer(mw_, 100ms, [&] {
+    seen_.push_back("still running");
+    vqmw::Exit(mw_, 0);
+  });
+  EXPECT_EQ(Run(), 0);
+  EXPECT_EQ(seen_, std::vector<std::string>{"still running"});
+  EXPECT_NE(pbrtest::ElementEnv::Read(rotated).find("SIGHUP received"), std::string::npos);
+  EXPECT_NE(env_.Log().find("loop-test: log reopened"), std::string::npos);
+}
+
 TEST_F(LoopTest, EndsAsToldAndRunsWhatIsLeftOnTheNextRun) {
   vqmw::Defer(mw_, [&] {
     seen_.push_back("first");
