@@ -56,7 +56,13 @@ bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_nod
   const EditOp op = OpOf(edit, inherited);
   lyd_node* first = parent ? lyd_child(parent) : *top;
   lyd_node* match = nullptr;
-  if (first) lyd_find_sibling_first(first, edit, &match);
+  // Instances of a list or leaf-list are told apart by keys or value; any other node by schema
+  // alone (finding by instance would compare a leaf's value too).
+  if (first && (edit->schema->nodetype & (LYS_LIST | LYS_LEAFLIST))) {
+    lyd_find_sibling_first(first, edit, &match);
+  } else if (first) {
+    lyd_find_sibling_val(first, edit->schema, nullptr, 0, &match);
+  }
   auto copy = [&](uint32_t flags) {
     lyd_node* dup = nullptr;
     lyd_dup_single(edit, nullptr, flags, &dup);
@@ -86,7 +92,7 @@ bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_nod
     case EditOp::kNone:
       break;
   }
-  if (edit->schema && (edit->schema->nodetype & LYD_NODE_TERM)) {
+  if (edit->schema->nodetype & LYD_NODE_TERM) {
     if (op == EditOp::kNone) return true;
     if (!match) {
       Insert(parent, top, copy(0));

@@ -264,6 +264,12 @@ bool NetconfServer::Impl::Init(std::string* error) {
     }
   });
   nc_set_global_rpc_clb(OnRpc);
+  // The library answers get-schema itself unless the operation has a callback of its own, and
+  // its answer is unusable with this libyang.
+  if (const lysc_node* getSchema =
+          lys_find_path(ctx, nullptr, "/ietf-netconf-monitoring:get-schema", 0)) {
+    const_cast<lysc_node*>(getSchema)->priv = reinterpret_cast<void*>(OnRpc);
+  }
   nc_server_set_hello_timeout(options.helloTimeout);
   nc_server_set_idle_timeout(options.idleTimeout);
   nc_server_set_capab_withdefaults(NC_WD_EXPLICIT,
@@ -317,21 +323,31 @@ bool NetconfServer::Impl::SetUpSsh(std::string* error) {
              std::to_string(options.sshPort);
     return false;
   }
-  // Every key of the authorized-keys file admits the one user.
-  std::ifstream keys(options.authorizedKeysPath);
-  std::string line;
-  while (std::getline(keys, line)) {
-    std::istringstream fields(line);
-    std::string type, base64;
-    if (!(fields >> type >> base64) || type.empty() || type[0] == '#') continue;
-    NC_SSH_KEY_TYPE kind = type == "ssh-rsa"             ? NC_SSH_KEY_RSA
-                           : type == "ssh-dss"           ? NC_SSH_KEY_DSA
-                           : type.rfind("ecdsa", 0) == 0 ? NC_SSH_KEY_ECDSA
-                                                         : NC_SSH_KEY_UNKNOWN;
-    if (nc_server_ssh_add_authkey(base64.c_str(), kind, options.sshUser.c_str()) != 0) {
-      vqmw::Logger().warn("netconf: cannot use a key of {}", options.authorizedKeysPath);
-    }
-  }
+  // Every key of the authorized-keys file admits the one user. The file is read at each login
+  // (the library's own key list knows no ed25519).
+  nc_server_ssh_set_pubkey_auth_clb(
+      [](const nc_session* session, ssh_key key, void* data) {
+        const auto* impl = static_cast<const Impl*>(data);
+        const char* user = nc_session_get_username(session);
+        if (!user || impl->options.sshUser != user) return 1;
+        std::ifstream keys(impl->options.authorizedKeysPath);
+        std::string line;
+        while (std::getline(keys, line)) {
+          std::istringstream fields(line);
+          std::string type, base64;
+          if (!(fields >> type >> base64) || type[0] == '#') continue;
+          ssh_key known = nullptr;
+          if (ssh_pki_import_pubkey_base64(base64.c_str(), ssh_key_type_from_name(type.c_str()),
+                                           &known) != SSH_OK) {
+            continue;
+          }
+          const bool same = ssh_key_cmp(known, key, SSH_KEY_CMP_PUBLIC) == 0;
+          ssh_key_free(known);
+          if (same) return 0;
+        }
+        return 1;
+      },
+      this, nullptr);
   return true;
 }
 
@@ -689,8 +705,25 @@ nc_server_reply* NetconfServer::Impl::GetSchema(lyd_node* rpc) {
   }
   lyd_node* output = nullptr;
   lyd_dup_single(rpc, nullptr, 0, &output);
-  lyd_new_any(output, nullptr, "data", text, 0, LYD_ANYDATA_STRING, 1, nullptr);
+  // The module's text as XML character data.
+  std::string escaped;
+  for (const char* c = text; *c; ++c) {
+    switch (*c) {
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      case '&':
+        escaped += "&amp;";
+        break;
+      default:
+        escaped += *c;
+    }
+  }
   free(text);
+  lyd_new_any(output, nullptr, "data", escaped.c_str(), 0, LYD_ANYDATA_XML, 1, nullptr);
   return nc_server_reply_data(output, NC_WD_EXPLICIT, NC_PARAMTYPE_FREE);
 }
 
