@@ -19,6 +19,7 @@ element=$root/$build/element
 export PBR_ELEMENT_RUNTIME_DIR=${PBR_ELEMENT_RUNTIME_DIR:-$element/runtime}
 export PBR_ELEMENT_STATE_DIR=${PBR_ELEMENT_STATE_DIR:-$element/state}
 export PBR_ELEMENT_BACKEND=${PBR_ELEMENT_BACKEND:-memory}
+export PBR_ELEMENT_NETCONF_SSH=${PBR_ELEMENT_NETCONF_SSH:-127.0.0.1:8830}
 mkdir -p "$PBR_ELEMENT_RUNTIME_DIR" "$PBR_ELEMENT_STATE_DIR" "$element/log"
 cli=("$root/$build/element/cli/pbr-cli" --timeout 10)
 
@@ -54,6 +55,8 @@ In another shell, with the same PBR_ELEMENT_* variables:
   export PBR_ELEMENT_RUNTIME_DIR=$PBR_ELEMENT_RUNTIME_DIR PBR_ELEMENT_STATE_DIR=$PBR_ELEMENT_STATE_DIR
   $build/element/cli/pbr-cli set /router/pbr{7}/rule/action/next-hop/ip 192.0.2.9
   $build/element/cli/pbr-cli show pbr
+NETCONF: $PBR_ELEMENT_RUNTIME_DIR/netconf.sock, and SSH on $PBR_ELEMENT_NETCONF_SSH
+  ssh -p ${PBR_ELEMENT_NETCONF_SSH##*:} -s $(id -un)@${PBR_ELEMENT_NETCONF_SSH%:*} netconf
   cat $PBR_ELEMENT_STATE_DIR/pbr-manager.json
 Ctrl-C stops both.
 MSG
