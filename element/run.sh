@@ -90,6 +90,8 @@ In another shell, with the same PBR_ELEMENT_* variables:
   export PBR_ELEMENT_RUNTIME_DIR=$PBR_ELEMENT_RUNTIME_DIR PBR_ELEMENT_STATE_DIR=$PBR_ELEMENT_STATE_DIR
   $bin/element/cli/pbr-cli set /router/pbr{7}/rule/action/next-hop/ip 192.0.2.9
   $bin/element/cli/pbr-cli show pbr
+NETCONF: $PBR_ELEMENT_RUNTIME_DIR/netconf.sock, and SSH on $PBR_ELEMENT_NETCONF_SSH
+  ssh -p ${PBR_ELEMENT_NETCONF_SSH##*:} -s $(id -un)@${PBR_ELEMENT_NETCONF_SSH%:*} netconf
   cat $PBR_ELEMENT_STATE_DIR/pbr-manager.json
 Ctrl-C stops both.
 MSG

@@ -1,15 +1,18 @@
 // pbr-mgmtd: the element's management server. Logs to the element's log ($PBR_ELEMENT_LOG),
 // tells a service manager it is ready with sd_notify once its socket accepts connections, and
 // runs until SIGTERM or SIGINT. SIGHUP reopens the log file, for log rotation.
+#include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
+#include <unistd.h>
 
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "element/mgmt/netconf_server.h"
 #include "element/mgmt/running_file.h"
 #include "element/mgmt/server.h"
 #include "element/middleware/log.h"
@@ -32,6 +35,10 @@ Environment:
   PBR_ELEMENT_RUNTIME_DIR  mgmt.sock and mgmt.lock (/run/pbr-element)
   PBR_ELEMENT_STATE_DIR    running.json and its commit journal (/var/lib/pbr-element)
   PBR_ELEMENT_LOG          log file, or stderr (stderr)
+  PBR_ELEMENT_NETCONF_SSH  NETCONF over SSH on ADDRESS:PORT (off; netconf.sock always)
+  PBR_ELEMENT_NETCONF_AUTHORIZED_KEYS
+                           keys that may log in over SSH (~/.ssh/authorized_keys)
+  PBR_ELEMENT_NETCONF_IDLE seconds before an idle NETCONF session is closed (3600)
 
 Exit status: 0 stopped by a signal; 1 cannot start (another server runs, the stored
 configuration is invalid, the socket cannot be made); 2 invalid arguments.
@@ -42,6 +49,31 @@ int OnHangup(sd_event_source*, const signalfd_siginfo*, void*) {
   vqmw::ReopenLog();
   vqmw::Logger().info("pbr-mgmtd: log reopened");
   return 0;
+}
+
+// NETCONF listens on netconf.sock beside mgmt.sock, and over SSH where
+// PBR_ELEMENT_NETCONF_SSH gives an address and port (ADDRESS:PORT).
+pbr::mgmt::NetconfOptions NetconfOptionsFromEnv(const pbr::mgmt::ServerOptions& server) {
+  pbr::mgmt::NetconfOptions options;
+  options.unixPath = server.runtimeDir + "/netconf.sock";
+  options.hostKeyPath = server.stateDir + "/netconf_host_key";
+  const passwd* self = ::getpwuid(::geteuid());
+  options.sshUser = self ? self->pw_name : "root";
+  const std::string home = self ? self->pw_dir : "/root";
+  const char* keys = std::getenv("PBR_ELEMENT_NETCONF_AUTHORIZED_KEYS");
+  options.authorizedKeysPath = keys ? keys : home + "/.ssh/authorized_keys";
+  if (const char* ssh = std::getenv("PBR_ELEMENT_NETCONF_SSH"); ssh && *ssh) {
+    const std::string endpoint = ssh;
+    const size_t colon = endpoint.rfind(':');
+    if (colon != std::string::npos) {
+      options.sshAddress = endpoint.substr(0, colon);
+      options.sshPort = static_cast<uint16_t>(std::atoi(endpoint.c_str() + colon + 1));
+    }
+  }
+  if (const char* idle = std::getenv("PBR_ELEMENT_NETCONF_IDLE"); idle && std::atoi(idle) > 0) {
+    options.idleTimeout = static_cast<uint16_t>(std::atoi(idle));
+  }
+  return options;
 }
 
 }  // namespace
@@ -80,9 +112,19 @@ int main(int argc, char** argv) {
     sd_event_unref(event);
     return 1;
   }
+  auto netconf =
+      pbr::mgmt::NetconfServer::Start(server.get(), NetconfOptionsFromEnv(options), &error);
+  if (!netconf) {
+    vqmw::Logger().critical("pbr-mgmtd: NETCONF: {}", error);
+    server.reset();
+    sd_event_unref(event);
+    return 1;
+  }
   vqmw::Logger().info("pbr-mgmtd: serving {}/mgmt.sock", options.runtimeDir);
   sd_notify(0, "READY=1");
   const int r = sd_event_loop(event);
+  // The NETCONF sessions hand their requests to the server: they end first.
+  netconf.reset();
   server.reset();
   sd_event_unref(event);
   return r < 0 ? 1 : 0;

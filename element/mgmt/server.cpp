@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <vector>
@@ -128,6 +130,7 @@ struct Server::Impl {
     sd_event_source* incomplete = nullptr;  // the frame timeout, while input is incomplete
     bool attached = false;
     std::string user;                             // from the peer's credentials
+    std::string client = "cli";                   // what the history records commits as made with
     std::unique_ptr<SessionCandidate> candidate;  // created by the first candidate edit
     std::string app;
     pid_t pid = 0;
@@ -204,8 +207,21 @@ struct Server::Impl {
   uint64_t nextObjectsRequest = 1;
   std::map<uint64_t, PendingView> views;               // by view id
   std::map<uint64_t, ObjectsRequest> objectsRequests;  // by request
+  // Sessions handed over by other threads (AdoptSession), set up when the eventfd wakes the loop.
+  struct Adoption {
+    int fd;
+    std::string user;
+    std::string client;
+  };
+  std::mutex adoptMutex;
+  std::vector<Adoption> adoptions;
+  int adoptFd = -1;
+  sd_event_source* adoptSource = nullptr;
 
   ~Impl() {
+    sd_event_source_unref(adoptSource);
+    if (adoptFd >= 0) ::close(adoptFd);
+    for (Adoption& a : adoptions) ::close(a.fd);
     for (auto& [seqNo, pending] : commits) sd_event_source_unref(pending.timer);
     if (confirmation) sd_event_source_unref(confirmation->timer);
     for (auto& [id, session] : sessions) {
@@ -234,6 +250,8 @@ struct Server::Impl {
   static int OnIncomplete(sd_event_source*, uint64_t, void* userdata);
 
   void Accept();
+  static int OnAdopt(sd_event_source*, int fd, uint32_t, void* userdata);
+  Session* AddSession(int fd, std::string user);
   void HandleIo(Session& session, uint32_t revents);
   // Handles the complete messages read, up to a turn's worth; false when the session closed.
   bool HandleFrames(Session& session, bool all);
@@ -392,6 +410,11 @@ bool Server::Impl::Listen(std::string* error) {
     *error = "cannot watch the socket";
     return false;
   }
+  adoptFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (adoptFd < 0 || sd_event_add_io(event, &adoptSource, adoptFd, EPOLLIN, OnAdopt, this) < 0) {
+    *error = "cannot watch the session hand-over";
+    return false;
+  }
   return true;
 }
 
@@ -419,18 +442,41 @@ void Server::Impl::Accept() {
       ::close(fd);
       continue;
     }
-    auto session = std::make_unique<Session>();
-    session->server = this;
-    session->user = UserName(cred.uid);
-    session->id = nextSession++;
-    session->fd = fd;
-    session->pid = cred.pid;
-    if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
-      ::close(fd);
-      continue;
-    }
-    sessions.emplace(session->id, std::move(session));
+    if (Session* session = AddSession(fd, UserName(cred.uid))) session->pid = cred.pid;
   }
+}
+
+Server::Impl::Session* Server::Impl::AddSession(int fd, std::string user) {
+  auto session = std::make_unique<Session>();
+  session->server = this;
+  session->user = std::move(user);
+  session->id = nextSession++;
+  session->fd = fd;
+  if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
+    ::close(fd);
+    return nullptr;
+  }
+  Session* added = session.get();
+  sessions.emplace(added->id, std::move(session));
+  return added;
+}
+
+int Server::Impl::OnAdopt(sd_event_source*, int fd, uint32_t, void* userdata) {
+  auto* impl = static_cast<Impl*>(userdata);
+  uint64_t count;
+  [[maybe_unused]] const ssize_t n = ::read(fd, &count, sizeof count);
+  std::vector<Adoption> taken;
+  {
+    std::lock_guard<std::mutex> guard(impl->adoptMutex);
+    taken.swap(impl->adoptions);
+  }
+  for (Adoption& a : taken) {
+    ::fcntl(a.fd, F_SETFL, ::fcntl(a.fd, F_GETFL) | O_NONBLOCK);
+    if (Session* session = impl->AddSession(a.fd, std::move(a.user))) {
+      session->client = std::move(a.client);
+    }
+  }
+  return 0;
 }
 
 int Server::Impl::OnSessionIo(sd_event_source*, int, uint32_t revents, void* userdata) {
@@ -654,7 +700,7 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
     case ClientMessage::kEdit:
     case ClientMessage::kLoad: {
       const bool dryRun = message.has_load() && message.load().dry_run();
-      const CommitInfo info{message.has_edit() ? "cli" : "load",
+      const CommitInfo info{message.has_edit() ? session.client : "load",
                             message.has_edit() ? message.edit().comment() : ""};
       if (const std::string locked = LockedBy(runningLock, session, "running configuration");
           !locked.empty() && !dryRun) {
@@ -975,7 +1021,7 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
         return;
       }
       const uint64_t id =
-          HandleCommit(session, request, std::move(prepared), {"cli", req.comment()});
+          HandleCommit(session, request, std::move(prepared), {session.client, req.comment()});
       if (id == 0) return;  // refused: nothing is armed, the candidate stays
       candidate->Clear();
       if (req.has_confirm_timeout()) {
@@ -1382,6 +1428,15 @@ void Server::Impl::FinishViewIfDone(uint64_t viewId) {
 Server::Server(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 Server::~Server() = default;
+
+void Server::AdoptSession(int fd, std::string user, std::string client) {
+  {
+    std::lock_guard<std::mutex> guard(impl_->adoptMutex);
+    impl_->adoptions.push_back({fd, std::move(user), std::move(client)});
+  }
+  const uint64_t one = 1;
+  [[maybe_unused]] const ssize_t n = ::write(impl_->adoptFd, &one, sizeof one);
+}
 
 std::unique_ptr<Server> Server::Create(sd_event* event, const ServerOptions& options,
                                        std::string* error) {

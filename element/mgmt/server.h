@@ -40,6 +40,11 @@ class Server {
                                         std::string* error);
   ~Server();
 
+  // Serves `fd` (one end of a connected stream socket) as a session of `user`, whose commits the
+  // history records as made with `client`. Safe to call from any thread: the session is set up
+  // on the loop, and requests written to the other end before that wait in the socket.
+  void AdoptSession(int fd, std::string user, std::string client);
+
   struct Impl;
 
  private:

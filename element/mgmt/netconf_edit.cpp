@@ -1,0 +1,270 @@
+#include "element/mgmt/netconf_edit.h"
+
+#include <cstring>
+
+#include "element/mgmt/data_path.h"
+
+namespace pbr::mgmt {
+namespace {
+
+EditOp OpOf(const lyd_node* node, EditOp inherited) {
+  const lyd_meta* meta = lyd_find_meta(node->meta, nullptr, "ietf-netconf:operation");
+  if (!meta) return inherited;
+  const std::string op = lyd_get_meta_value(meta);
+  if (op == "replace") return EditOp::kReplace;
+  if (op == "create") return EditOp::kCreate;
+  if (op == "delete") return EditOp::kDelete;
+  if (op == "remove") return EditOp::kRemove;
+  return EditOp::kMerge;
+}
+
+std::string PathOf(const lyd_node* node) {
+  char* path = lyd_path(node, LYD_PATH_STD, nullptr, 0);
+  std::string out = path ? path : "";
+  free(path);
+  return out;
+}
+
+// Drops the operation attributes of a subtree copied from the edit into the datastore.
+void StripOperations(lyd_node* tree) {
+  lyd_node* node;
+  LYD_TREE_DFS_BEGIN(tree, node) {
+    if (lyd_meta* meta = lyd_find_meta(node->meta, nullptr, "ietf-netconf:operation")) {
+      lyd_free_meta_single(meta);
+    }
+    LYD_TREE_DFS_END(tree, node);
+  }
+}
+
+// `parent` null: the node goes among the top-level siblings `*top`.
+void Insert(lyd_node* parent, lyd_node** top, lyd_node* node) {
+  StripOperations(node);
+  if (parent) {
+    lyd_insert_child(parent, node);
+  } else {
+    lyd_insert_sibling(*top, node, top);
+  }
+}
+
+void Remove(lyd_node** top, lyd_node* node) {
+  if (*top == node) *top = node->next;
+  lyd_free_tree(node);
+}
+
+bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_node** top,
+               EditError* error) {
+  const EditOp op = OpOf(edit, inherited);
+  lyd_node* first = parent ? lyd_child(parent) : *top;
+  lyd_node* match = nullptr;
+  // Instances of a list or leaf-list are told apart by keys or value; any other node by schema
+  // alone (finding by instance would compare a leaf's value too).
+  if (first && (edit->schema->nodetype & (LYS_LIST | LYS_LEAFLIST))) {
+    lyd_find_sibling_first(first, edit, &match);
+  } else if (first) {
+    lyd_find_sibling_val(first, edit->schema, nullptr, 0, &match);
+  }
+  auto copy = [&](uint32_t flags) {
+    lyd_node* dup = nullptr;
+    lyd_dup_single(edit, nullptr, flags, &dup);
+    return dup;
+  };
+  switch (op) {
+    case EditOp::kDelete:
+    case EditOp::kRemove:
+      if (!match && op == EditOp::kDelete) {
+        *error = {NC_ERR_DATA_MISSING, "nothing to delete", PathOf(edit)};
+        return false;
+      }
+      if (match) Remove(top, match);
+      return true;
+    case EditOp::kCreate:
+      if (match) {
+        *error = {NC_ERR_DATA_EXISTS, "already exists", PathOf(edit)};
+        return false;
+      }
+      Insert(parent, top, copy(LYD_DUP_RECURSIVE));
+      return true;
+    case EditOp::kReplace:
+      if (match) Remove(top, match);
+      Insert(parent, top, copy(LYD_DUP_RECURSIVE));
+      return true;
+    case EditOp::kMerge:
+    case EditOp::kNone:
+      break;
+  }
+  if (edit->schema->nodetype & LYD_NODE_TERM) {
+    if (op == EditOp::kNone) return true;
+    if (!match) {
+      Insert(parent, top, copy(0));
+    } else if (edit->schema->nodetype == LYS_LEAF) {
+      lyd_change_term(match, lyd_get_value(edit));
+    }
+    return true;
+  }
+  if (!match) {
+    match = copy(0);  // a list entry keeps its keys
+    Insert(parent, top, match);
+  }
+  for (const lyd_node* child = lyd_child(edit); child; child = child->next) {
+    if (child->schema && lysc_is_key(child->schema)) continue;
+    if (!ApplyNode(child, op, match, top, error)) return false;
+  }
+  return true;
+}
+
+// The path libyang's last error names: its location reads `Data location "/a/b", line 3.`.
+std::string LocationOf(ly_ctx* ctx) {
+  const char* where = ly_errpath(ctx);
+  const std::string text = where ? where : "";
+  const size_t open = text.find('"');
+  const size_t close = open == std::string::npos ? open : text.find('"', open + 1);
+  if (close == std::string::npos) return text;
+  return text.substr(open + 1, close - open - 1);
+}
+
+std::string Quoted(const std::string& value) {
+  return value.find('\'') == std::string::npos ? "'" + value + "'" : "\"" + value + "\"";
+}
+
+std::string QualifiedName(ly_ctx* ctx, const lyd_node* node) {
+  if (node->schema) return std::string(node->schema->module->name) + ":" + node->schema->name;
+  const auto* opaq = reinterpret_cast<const lyd_node_opaq*>(node);
+  const lys_module* mod =
+      opaq->name.module_ns ? ly_ctx_get_module_implemented_ns(ctx, opaq->name.module_ns) : nullptr;
+  return mod ? std::string(mod->name) + ":" + opaq->name.name : opaq->name.name;
+}
+
+std::string TextOf(const lyd_node* node) {
+  const char* value =
+      node->schema ? lyd_get_value(node) : reinterpret_cast<const lyd_node_opaq*>(node)->value;
+  std::string text = value ? value : "";
+  const size_t b = text.find_first_not_of(" \t\r\n");
+  if (b == std::string::npos) return {};
+  return text.substr(b, text.find_last_not_of(" \t\r\n") - b + 1);
+}
+
+// Containment nodes narrow the path, content-match leaves become predicates, and every
+// selection leaf or empty container ends one alternative.
+void SubtreePaths(ly_ctx* ctx, const lyd_node* node, const std::string& base,
+                  std::vector<std::string>* out) {
+  std::string path = base + "/" + QualifiedName(ctx, node);
+  std::vector<const lyd_node*> selections;
+  bool inner = false;
+  for (const lyd_node* child = lyd_child(node); child; child = child->next) {
+    inner = true;
+    const std::string text = TextOf(child);
+    if (!lyd_child(child) && !text.empty()) {
+      path += "[" + QualifiedName(ctx, child) + "=" + Quoted(text) + "]";
+    } else {
+      selections.push_back(child);
+    }
+  }
+  if (!inner && !TextOf(node).empty()) {
+    out->push_back(base + "[" + QualifiedName(ctx, node) + "=" + Quoted(TextOf(node)) + "]");
+    return;
+  }
+  if (selections.empty()) {
+    out->push_back(path);
+    return;
+  }
+  for (const lyd_node* child : selections) SubtreePaths(ctx, child, path, out);
+}
+
+}  // namespace
+
+bool ParseConfigContent(ly_ctx* ctx, const lyd_node* config, bool edit, lyd_node** tree,
+                        std::string* error, std::string* path) {
+  *tree = nullptr;
+  if (!config) {
+    *error = "missing <config>";
+    return false;
+  }
+  char* text = nullptr;
+  if (lyd_any_value_str(config, &text) != LY_SUCCESS) {
+    *error = "unreadable <config>";
+    return false;
+  }
+  if (!text) return true;  // empty
+  const LY_ERR r = lyd_parse_data_mem(
+      ctx, text, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0, tree);
+  free(text);
+  (void)edit;  // nc:operation attributes parse as metadata either way
+  if (r != LY_SUCCESS) {
+    const char* msg = ly_errmsg(ctx);
+    *error = msg ? msg : "invalid <config>";
+    *path = LocationOf(ctx);
+    return false;
+  }
+  return true;
+}
+
+bool ApplyEdit(const lyd_node* edit, EditOp defaultOp, lyd_node** tree, EditError* error) {
+  for (const lyd_node* node = edit; node; node = node->next) {
+    if (!ApplyNode(node, defaultOp, nullptr, tree, error)) return false;
+  }
+  return true;
+}
+
+bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error) {
+  ly_err_clean(ctx, nullptr);
+  if (lyd_validate_all(tree, ctx, LYD_VALIDATE_NO_STATE, nullptr) == LY_SUCCESS) return true;
+  const char* msg = ly_errmsg(ctx);
+  *error = {NC_ERR_INVALID_VALUE, msg ? msg : "invalid configuration", LocationOf(ctx)};
+  return false;
+}
+
+bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error) {
+  char* text = nullptr;
+  if (lyd_any_value_str(filter, &text) != LY_SUCCESS) {
+    *error = "unreadable filter";
+    return false;
+  }
+  if (!text) {
+    xpath->clear();
+    return true;
+  }
+  lyd_node* tree = nullptr;
+  const LY_ERR r =
+      lyd_parse_data_mem(ctx, text, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree);
+  free(text);
+  if (r != LY_SUCCESS) {
+    const char* msg = ly_errmsg(ctx);
+    *error = std::string("invalid subtree filter: ") + (msg ? msg : "");
+    return false;
+  }
+  std::vector<std::string> paths;
+  for (const lyd_node* node = tree; node; node = node->next) SubtreePaths(ctx, node, "", &paths);
+  lyd_free_siblings(tree);
+  xpath->clear();
+  for (const std::string& p : paths) *xpath += (xpath->empty() ? "" : " | ") + p;
+  return true;
+}
+
+bool ApplyChangeLines(const lys_module* module, const std::vector<ChangeLine>& lines,
+                      lyd_node** tree, std::string* error) {
+  for (const ChangeLine& line : lines) {
+    DataPath path;
+    if (!ParseDataPath(module, line.path, &path, error)) return false;
+    if (!line.set) {
+      lyd_node* node = nullptr;
+      if (*tree && lyd_find_path(*tree, path.path.c_str(), 0, &node) == LY_SUCCESS) {
+        Remove(tree, node);
+      }
+      continue;
+    }
+    lyd_node* created = nullptr;
+    const char* value = line.hasValue ? line.value.c_str() : nullptr;
+    if (lyd_new_path(*tree, module->ctx, path.path.c_str(), value, LYD_NEW_PATH_UPDATE, &created) !=
+        LY_SUCCESS) {
+      *error = "cannot apply " + line.path;
+      return false;
+    }
+    if (!*tree && created) {
+      while (lyd_parent(created)) created = lyd_parent(created);
+      *tree = lyd_first_sibling(created);
+    }
+  }
+  return true;
+}
+
+}  // namespace pbr::mgmt

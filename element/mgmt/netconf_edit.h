@@ -1,0 +1,43 @@
+// The datastore side of NETCONF's operations, on libyang trees: edit-config's operations
+// (RFC 6241 7.2), subtree filters as XPath, validation with the refusal's tag and path, and the
+// candidate seen as the running configuration plus a session's changes.
+#pragma once
+
+#include <libnetconf2/messages_server.h>
+#include <libyang/libyang.h>
+
+#include <string>
+#include <vector>
+
+#include "element/mgmt/change_text.h"
+
+namespace pbr::mgmt {
+
+enum class EditOp { kMerge, kReplace, kCreate, kDelete, kRemove, kNone };
+
+struct EditError {
+  NC_ERR tag = NC_ERR_INVALID_VALUE;
+  std::string message;
+  std::string path;
+};
+
+// Parses the content of an anyxml <config> as configuration data; with `edit`, nc:operation
+// attributes are kept as metadata. *path: where the content is wrong, when known.
+bool ParseConfigContent(ly_ctx* ctx, const lyd_node* config, bool edit, lyd_node** tree,
+                        std::string* error, std::string* path);
+
+// Applies the edit tree to `*tree`, nodes without an operation of their own taking their
+// parent's (`defaultOp` at the top). On failure `*tree` may be half-edited: callers edit a copy.
+bool ApplyEdit(const lyd_node* edit, EditOp defaultOp, lyd_node** tree, EditError* error);
+
+// Validates a whole configuration; the refusal carries the offending node's path.
+bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error);
+
+// The XPath that selects what a subtree filter does; empty for an empty filter.
+bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error);
+
+// Applies set and delete lines (keypaths) to `*tree`.
+bool ApplyChangeLines(const lys_module* module, const std::vector<ChangeLine>& lines,
+                      lyd_node** tree, std::string* error);
+
+}  // namespace pbr::mgmt

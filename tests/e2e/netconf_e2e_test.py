@@ -1,0 +1,212 @@
+#!/usr/bin/env python3
+"""NETCONF end to end: pbr-mgmtd and pbr-app (memory backend) as processes; a raw RFC 6242
+client over netconf.sock and ncclient over SSH. Usage: netconf_e2e_test.py BUILD_DIR"""
+import os, pwd, re, shutil, socket, subprocess, sys, tempfile, time, unittest
+
+BUILD = os.path.abspath(sys.argv.pop(1))
+NS = 'xmlns="urn:pbr-element:params:xml:ns:yang:pbr"'
+NC = 'xmlns:nc="urn:ietf:params:xml:ns:netconf:base:1.0"'
+
+
+class Raw:
+    """NETCONF 1.1 over the UNIX socket: hello, then chunked framing."""
+
+    def __init__(self, path):
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.settimeout(20)
+        self.sock.connect(path)
+        self.buf, self.mid = b"", 0
+        self.sock.sendall(b'<hello xmlns="urn:ietf:params:xml:ns:netconf:base:1.0"><capabilities>'
+                          b'<capability>urn:ietf:params:netconf:base:1.1</capability>'
+                          b'</capabilities></hello>]]>]]>')
+        while b"]]>]]>" not in self.buf:
+            self.buf += self.sock.recv(65536)
+        self.hello, self.buf = self.buf.split(b"]]>]]>", 1)
+
+    def rpc(self, body):
+        self.mid += 1
+        msg = (f'<rpc message-id="{self.mid}" xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">'
+               f'{body}</rpc>').encode()
+        self.sock.sendall(b"\n#%d\n%s\n##\n" % (len(msg), msg))
+        out = b""
+        while True:
+            m = re.match(rb"\n#(\d+)\n", self.buf)
+            if m and len(self.buf) >= m.end() + int(m.group(1)):
+                end = m.end() + int(m.group(1))
+                out, self.buf = out + self.buf[m.end():end], self.buf[end:]
+            elif self.buf.startswith(b"\n##\n"):
+                self.buf = self.buf[4:]
+                return out.decode()
+            else:
+                data = self.sock.recv(1 << 20)
+                if not data:
+                    raise EOFError("session closed")
+                self.buf += data
+
+    def close(self):
+        self.sock.close()
+
+
+def rule(rid, priority, hop="192.0.2.1", op=""):
+    return (f'<router {NS} {NC}><pbr {op}><id>{rid}</id><rule><priority>{priority}</priority>'
+            f'<action><next-hop><ip>{hop}</ip></next-hop></action></rule></pbr></router>')
+
+
+def edit(target, config, extra=""):
+    return (f"<edit-config><target><{target}/></target>{extra}<config>{config}</config>"
+            "</edit-config>")
+
+
+RUNNING = "<get-config><source><running/></source></get-config>"
+
+
+class NetconfTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.work = tempfile.mkdtemp()
+        env = dict(os.environ, PBR_ELEMENT_RUNTIME_DIR=cls.work + "/run",
+                   PBR_ELEMENT_STATE_DIR=cls.work + "/state", PBR_ELEMENT_BACKEND="memory",
+                   PBR_ELEMENT_TRACE="pbr-app=10")
+        os.makedirs(env["PBR_ELEMENT_RUNTIME_DIR"])
+        os.makedirs(env["PBR_ELEMENT_STATE_DIR"])
+        key = cls.work + "/id_ed25519"
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", key], check=True)
+        shutil.copy(key + ".pub", cls.work + "/authorized_keys")
+        cls.port = 20000 + os.getpid() % 20000
+        env.update(PBR_ELEMENT_NETCONF_SSH=f"127.0.0.1:{cls.port}",
+                   PBR_ELEMENT_NETCONF_AUTHORIZED_KEYS=cls.work + "/authorized_keys")
+        cls.env, cls.key = env, key
+        cls.mgmtd = subprocess.Popen([BUILD + "/element/mgmt/pbr-mgmtd"],
+                                     env=dict(env, PBR_ELEMENT_LOG=cls.work + "/mgmtd.log"))
+        cls.app = None
+        try:
+            cls.wait_for(lambda: os.path.exists(env["PBR_ELEMENT_RUNTIME_DIR"] + "/netconf.sock"))
+            cls.app = subprocess.Popen([BUILD + "/app/pbr-app"],
+                                       env=dict(env, PBR_ELEMENT_LOG=cls.work + "/app.log"))
+            cls.wait_for(lambda: "attached to the management server" in cls.app_log())
+        except BaseException:
+            cls.tearDownClass()
+            raise
+        cls.sock = env["PBR_ELEMENT_RUNTIME_DIR"] + "/netconf.sock"
+
+    @classmethod
+    def tearDownClass(cls):
+        for p in (cls.app, cls.mgmtd):
+            if p is None:
+                continue
+            p.terminate()
+            p.wait(timeout=20)
+        shutil.rmtree(cls.work)
+
+    @staticmethod
+    def wait_for(check, seconds=10):
+        deadline = time.time() + seconds
+        while not check():
+            if time.time() > deadline:
+                raise AssertionError("timed out")
+            time.sleep(0.05)
+
+    @classmethod
+    def app_log(cls):
+        try:
+            with open(cls.work + "/app.log", errors="replace") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def cli(self, *args, stdin=None):
+        return subprocess.run([BUILD + "/element/cli/pbr-cli", "--timeout", "10", *args],
+                              env=self.env, input=stdin, capture_output=True, text=True)
+
+    def setUp(self):
+        self.nc = Raw(self.sock)
+        self.assertIn("ok", self.nc.rpc(edit("running", f"<router {NS}/>",
+                                             '<default-operation>replace</default-operation>')))
+
+    def tearDown(self):
+        self.nc.close()
+
+    def test_candidate_commit_reaches_the_backend_and_the_view(self):
+        self.assertIn("<ok/>", self.nc.rpc(edit("candidate", rule(5, 50))))
+        self.assertNotIn("<id>5</id>", self.nc.rpc(RUNNING))
+        self.assertIn("<ok/>", self.nc.rpc("<commit/>"))
+        self.wait_for(lambda: "memory backend: rule 5 set" in self.app_log())
+        self.assertIn("<priority>50</priority>", self.nc.rpc(RUNNING))
+        get = self.nc.rpc("<get/>")
+        self.assertRegex(get, r"<pbr-status><id>5</id>.*<hw-status>programmed</hw-status>")
+        history = self.cli("show", "commits").stdout
+        self.assertRegex(history, r"netconf")
+        # A subtree filter returns only what it selects.
+        sub = self.nc.rpc('<get-config><source><running/></source><filter type="subtree">'
+                          f'<router {NS}><pbr><id>5</id><rule><priority/></rule></pbr></router>'
+                          "</filter></get-config>")
+        self.assertIn("<priority>50</priority>", sub)
+        self.assertNotIn("next-hop", sub)
+
+    def test_refusals_carry_tag_and_path_and_change_nothing(self):
+        self.nc.rpc(edit("running", rule(1, 10)))
+        before = self.nc.rpc(RUNNING)
+        cases = [
+            (edit("running", rule(2, "abc")), "invalid-value", "pbr[id='2']/rule/priority"),
+            (edit("running", f"<router {NS}><pbr><id>3</id><rule><description>x</description>"
+                  "</rule></pbr></router>"), "invalid-value", "rule/priority"),
+            (edit("candidate", rule(9, 1, op='nc:operation="delete"')), "data-missing",
+             "pbr[id='9']"),
+            (edit("running", rule(1, 10, op='nc:operation="create"')), "data-exists", ""),
+        ]
+        for body, tag, path in cases:
+            with self.subTest(body=body):
+                reply = self.nc.rpc(body)
+                self.assertIn(tag, reply)
+                self.assertIn(path, reply)
+        self.assertEqual(before.split(">", 1)[1], self.nc.rpc(RUNNING).split(">", 1)[1])
+
+    def test_locks_are_shared_with_the_cli(self):
+        self.assertIn("<ok/>", self.nc.rpc("<lock><target><running/></target></lock>"))
+        refused = self.cli("set", "/router/pbr{8}/rule/priority", "8")
+        self.assertNotEqual(refused.returncode, 0)
+        self.assertIn("locked", refused.stderr)
+        # Another session is refused the lock and its edits; the lock ends with its session.
+        other = Raw(self.sock)
+        self.assertIn("lock-denied", other.rpc("<lock><target><running/></target></lock>"))
+        self.assertIn("in-use", other.rpc(edit("running", rule(8, 8))))
+        self.nc.close()
+        self.wait_for(lambda: "<ok/>" in other.rpc(edit("running", rule(8, 8))))
+        other.close()
+        self.nc = Raw(self.sock)
+
+    def test_unconfirmed_commit_is_undone(self):
+        self.nc.rpc(edit("running", rule(4, 40)))
+        self.nc.rpc(edit("candidate", rule(4, 41)))
+        self.assertIn("<ok/>", self.nc.rpc(
+            "<commit><confirmed/><confirm-timeout>1</confirm-timeout></commit>"))
+        self.assertIn("<priority>41</priority>", self.nc.rpc(RUNNING))
+        self.wait_for(lambda: "<priority>40</priority>" in self.nc.rpc(RUNNING))
+
+    def test_get_schema_and_stalled_peer(self):
+        schema = self.nc.rpc('<get-schema xmlns="urn:ietf:params:xml:ns:yang:'
+                             'ietf-netconf-monitoring"><identifier>pbr</identifier></get-schema>')
+        self.assertIn("module pbr {", schema)
+        stalled = Raw(self.sock)
+        stalled.sock.sendall(b"\n#500\n<rpc message-id=")  # and nothing more
+        start = time.time()
+        self.assertEqual(self.cli("set", "/router/pbr{6}/rule/priority", "6").returncode, 0)
+        self.assertLess(time.time() - start, 1.0)
+        stalled.close()
+
+    def test_ncclient_over_ssh(self):
+        from ncclient import manager
+        import ncclient.transport.ssh
+        ncclient.transport.ssh.TICK = 0.005
+        with manager.connect_ssh("127.0.0.1", self.port, username=pwd.getpwuid(os.geteuid()).pw_name,
+                                 key_filename=self.key, hostkey_verify=False, allow_agent=False,
+                                 look_for_keys=False, timeout=20) as m:
+            m.edit_config(target="candidate", config=f'<config xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">'
+                          f"{rule(12, 120)}</config>")
+            m.commit()
+            self.assertIn("<priority>120</priority>", m.get_config(source="running").xml)
+            self.assertIn("module pbr", m.get_schema("pbr").data)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
