@@ -275,6 +275,10 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
   EXPECT_EQ(dry.out, "1 rules added, 0 changed, 1 deleted (dry run: nothing committed)\n");
   const ChildResult load = Cli({"load", "replace", doc});
   EXPECT_EQ(load.out, "1 rules added, 0 changed, 1 deleted\n");
+  // Each commit is one line of the server's log at the default level.
+  const std::string log = env_.Log();
+  EXPECT_THAT(log, HasSubstr("(load): 1 added, 0 changed, 1 deleted\n"));
+  EXPECT_EQ(log.find("commit 3 by"), log.rfind("commit 3 by")) << log;
 
   struct Case {
     std::vector<std::string> args;
