@@ -192,6 +192,8 @@ class Counter : public pbr::PbrStatusItf {
   uint32_t want_;
 };
 
+constexpr int kRounds = 5;
+
 // Cost per packet with no rules, per backend, for the ratios.
 std::map<int, double> baseline_ns;
 
@@ -232,19 +234,28 @@ void Forward(benchmark::State& state, int backend) {
       } else {
         const std::pair<const char*, std::string> kinds[] = {
             {"first", SourceOf(0)}, {"last", SourceOf(last)}, {"none", kUnmatchedSource}};
+        double sum = 0;
         for (const auto& [kind, source] : kinds) {
-          auto [elapsed, forwarded] = bed.Blast(source, seconds);
-          if (forwarded == 0) {
+          // The best of five rounds: the one least disturbed by other work on the machine.
+          double ns = 0;
+          for (int round = 0; round < kRounds; ++round) {
+            auto [elapsed, forwarded] = bed.Blast(source, seconds / kRounds);
+            if (forwarded == 0) continue;
+            double round_ns = elapsed * 1e9 / static_cast<double>(forwarded);
+            if (ns == 0 || round_ns < ns) ns = round_ns;
+          }
+          if (ns == 0) {
             state.SkipWithError((std::string("nothing forwarded for ") + kind).c_str());
             break;
           }
-          double ns = elapsed * 1e9 / static_cast<double>(forwarded);
+          sum += ns;
           state.counters[std::string(kind) + "_ns"] = ns;
-          state.counters[std::string(kind) + "_kpps"] = forwarded / elapsed / 1e3;
-          if (n == 0 && std::string(kind) == "none") baseline_ns[backend] = ns;
-          if (baseline_ns.count(backend))
+          state.counters[std::string(kind) + "_kpps"] = 1e6 / ns;
+          if (n > 0 && baseline_ns.count(backend))
             state.counters[std::string(kind) + "/0rules"] = ns / baseline_ns[backend];
         }
+        // With no rules the three kinds are the same packet: their mean is the baseline.
+        if (n == 0) baseline_ns[backend] = sum / 3;
       }
     }
     vqmw_finish(&mw);
