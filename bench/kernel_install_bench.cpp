@@ -267,7 +267,7 @@ void BM_AgainstFrr(benchmark::State& state) {
     state.SkipWithError("FRR is not installed (apt-get install frr)");
     return;
   }
-  double limit = 60;
+  double limit = 120;
   if (const char* s = std::getenv("PBR_FRR_TIMEOUT")) limit = std::atof(s);
   double ours = 0, frr = 0;
   for (auto _ : state) {
