@@ -1,9 +1,11 @@
 // Installs N rules with next hops through the kernel backend (SetEntry of every rule to the last
-// kernel acknowledgement) and, in the same run, the same rules and routes with `ip -batch`, each in
-// a fresh network namespace. Reports both times and their ratio.
+// kernel acknowledgement), through the classifier backend (to the last rule in its maps, the
+// program attached) and, in the same run, the same rules and routes with `ip -batch`, each in a
+// fresh network namespace. Reports the times and their ratios.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +18,7 @@
 #include <memory>
 #include <string>
 
+#include "element/classifier/classifier_client.h"
 #include "element/kernel/kernel_client.h"
 #include "element/middleware/loop.h"
 #include "platform/vqmw.h"
@@ -23,7 +26,18 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using pbr::element::ClassifierClient;
 using pbr::element::KernelClient;
+
+std::string Output(const std::string& command) {
+  std::string out;
+  if (FILE* p = popen(command.c_str(), "r")) {
+    char buf[256];
+    while (fgets(buf, sizeof buf, p)) out += buf;
+    pclose(p);
+  }
+  return out;
+}
 
 int Shell(const std::string& command) {
   int status = std::system((command + " >/dev/null 2>&1").c_str());
@@ -34,14 +48,23 @@ in_addr Addr(uint32_t host_order) {
   return in_addr{htonl(host_order)};
 }
 
-// Rule i: priority i/2 (pairs share one, ordered by id), from 10.x.y.0/24, via one of 16 next
+// Next hop k on the namespace's link: 10.200.0.2 and up.
+uint32_t NextHop(uint32_t k) {
+  return (10u << 24) | (200u << 16) | (2 + k);
+}
+std::string NextHopText(uint32_t k) {
+  uint32_t a = NextHop(k);
+  return "10.200." + std::to_string((a >> 8) & 255) + "." + std::to_string(a & 255);
+}
+
+// Rule i: priority i/2 (pairs share one, ordered by id), from 10.x.y.0/24, via one of `hops` next
 // hops on the namespace's link.
-pbr::Entry MakeRule(uint32_t i) {
+pbr::Entry MakeRule(uint32_t i, uint32_t hops = 16) {
   pbr::Entry entry;
   entry.setId(static_cast<uint16_t>(i));
   entry.setPriority(i / 2);
   entry.setMatch(pbr::MatchSrcIPv4(Addr((10u << 24) | (i << 8)), Addr(0xffffff00u)));
-  entry.setAction(pbr::ActionL3NextHop(Addr((10u << 24) | (200u << 16) | (2 + i % 16))));
+  entry.setAction(pbr::ActionL3NextHop(Addr(NextHop(i % hops))));
   return entry;
 }
 
@@ -94,7 +117,8 @@ class Counter : public pbr::PbrStatusItf {
   uint32_t want_;
 };
 
-double InstallWithBackend(uint32_t n, std::string* error) {
+template <typename Client>
+double InstallWithBackend(uint32_t n, std::string* error, uint32_t hops = 16) {
   Namespace ns;
   if (!ns.ok()) {
     *error = "cannot make network namespaces (needs root)";
@@ -107,7 +131,7 @@ double InstallWithBackend(uint32_t n, std::string* error) {
   }
   double seconds = 0;
   {
-    KernelClient client(mw, nullptr, KernelClient::Options{{}, std::chrono::seconds(60)});
+    Client client(mw, nullptr, typename Client::Options{{}, std::chrono::seconds(60)});
     Counter counter(mw, n);
     client.RegisterStatusListener(&counter);
     // Let the client read the (empty) kernel state first, as a daemon does before its framework
@@ -117,7 +141,7 @@ double InstallWithBackend(uint32_t n, std::string* error) {
     vqmw_loop_while_timeout(mw, &running, 0);
 
     auto start = Clock::now();
-    for (uint32_t i = 0; i < n; ++i) client.SetEntry(static_cast<uint16_t>(i), MakeRule(i));
+    for (uint32_t i = 0; i < n; ++i) client.SetEntry(static_cast<uint16_t>(i), MakeRule(i, hops));
     vqmw_loop_while_timeout(mw, nullptr, 600000);
     seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (counter.installed_ != n || !client.Settled())
@@ -157,13 +181,131 @@ double InstallWithIpBatch(uint32_t n, std::string* error) {
   return seconds;
 }
 
-void BM_InstallRules(benchmark::State& state) {
+// FRR's zebra and pbrd, from Debian's frr package.
+constexpr const char* kFrrDir = "/usr/lib/frr";
+// pbr-map sequence numbers stop at 700: a map of this many rules per ingress interface.
+constexpr uint32_t kRulesPerMap = 500;
+
+// The same rules (each ingress interface's map taking the next kRulesPerMap of them) given to
+// zebra and pbrd in a namespace of their own through vtysh, timed from vtysh's start until the
+// namespace holds every rule. `shared`: one nexthop-group for every rule, else a next hop each.
+// Returns the seconds, or a negative value once `limit` has passed.
+double InstallWithFrr(uint32_t n, bool shared, double limit, std::string* error) {
+  Namespace ns;
+  if (!ns.ok()) {
+    *error = "cannot make network namespaces (needs root)";
+    return 0;
+  }
+  std::string dir = std::filesystem::temp_directory_path() / ("pbr-frr-" + ns.name());
+  std::filesystem::create_directories(dir);
+  std::string exec = "ip netns exec " + ns.name() + " ";
+  uint32_t maps = (n + kRulesPerMap - 1) / kRulesPerMap;
+  bool ok = Shell("chown frr:frr " + dir) == 0;
+  for (uint32_t m = 0; ok && m < maps; ++m) {
+    std::string in = "ip -n " + ns.name() + " link ";
+    ok = Shell(in + "add i" + std::to_string(m) + " type veth peer name j" + std::to_string(m)) ==
+             0 &&
+         Shell(in + "set i" + std::to_string(m) + " up") == 0 &&
+         Shell(in + "set j" + std::to_string(m) + " up") == 0;
+  }
+  auto daemon = [&](const std::string& name) {
+    std::ofstream(dir + "/" + name + ".conf");
+    return Shell(exec + kFrrDir + "/" + name + " -d -f " + dir + "/" + name + ".conf -i " + dir +
+                 "/" + name + ".pid -z " + dir + "/zserv.api --vty_socket " + dir + " -P 0") == 0;
+  };
+  ok = ok && daemon("zebra") && daemon("pbrd");
+  {
+    std::ofstream config(dir + "/pbr.conf");
+    if (shared) config << "nexthop-group G\n nexthop " << NextHopText(0) << " d0\nexit\n";
+    for (uint32_t i = 0; i < n; ++i) {
+      config << "pbr-map M" << i / kRulesPerMap << " seq " << i % kRulesPerMap + 1
+             << "\n match src-ip 10." << ((i >> 8) & 255) << "." << (i & 255) << ".0/24\n";
+      if (shared)
+        config << " set nexthop-group G\n";
+      else
+        config << " set nexthop " << NextHopText(i) << " d0\n";
+      config << "exit\n";
+    }
+    for (uint32_t m = 0; m < maps; ++m)
+      config << "interface i" << m << "\n pbr-policy M" << m << "\nexit\n";
+  }
+  double seconds = 0;
+  if (ok) {
+    // zebra has read the namespace's links and addresses once vtysh reaches both daemons.
+    usleep(500000);
+    auto start = Clock::now();
+    ok = Shell("vtysh --vty_socket " + dir + " -f " + dir + "/pbr.conf") == 0;
+    // The namespace's own three rules (local, main, default) besides FRR's.
+    std::string count = "ip -n " + ns.name() + " rule show | wc -l";
+    while (ok) {
+      seconds = std::chrono::duration<double>(Clock::now() - start).count();
+      if (std::stoul(Output(count)) >= n + 3) break;
+      if (seconds > limit) {
+        seconds = -1;
+        break;
+      }
+      usleep(100000);
+    }
+  }
+  if (!ok) *error = "FRR did not start or refused the configuration (see " + dir + ")";
+  for (const char* name : {"pbrd", "zebra"}) {
+    std::ifstream pid(dir + "/" + name + ".pid");
+    long value = 0;
+    if (pid >> value && value > 0) kill(static_cast<pid_t>(value), SIGTERM);
+  }
+  usleep(300000);
+  if (ok) std::filesystem::remove_all(dir);
+  return seconds;
+}
+
+// pbr-app's kernel backend against FRR on the same rules: args are the rule count and whether
+// every rule shares one next hop (1) or has its own (0).
+void BM_AgainstFrr(benchmark::State& state) {
   auto n = static_cast<uint32_t>(state.range(0));
-  double ours = 0, ip = 0;
+  bool shared = state.range(1) != 0;
+  if (access((std::string(kFrrDir) + "/pbrd").c_str(), X_OK) != 0) {
+    state.SkipWithError("FRR is not installed (apt-get install frr)");
+    return;
+  }
+  double limit = 120;
+  if (const char* s = std::getenv("PBR_FRR_TIMEOUT")) limit = std::atof(s);
+  double ours = 0, frr = 0;
   for (auto _ : state) {
     std::string error;
-    ours = InstallWithBackend(n, &error);
-    if (error.empty()) ip = InstallWithIpBatch(n, &error);
+    ours = InstallWithBackend<KernelClient>(n, &error, shared ? 1 : n);
+    if (error.empty()) frr = InstallWithFrr(n, shared, limit, &error);
+    if (!error.empty()) {
+      state.SkipWithError(error.c_str());
+      return;
+    }
+    state.SetIterationTime(ours);
+  }
+  state.counters["backend_s"] = ours;
+  // A negative frr_s: FRR had not installed every rule after |frr_s| seconds.
+  state.counters["frr_s"] = frr < 0 ? -limit : frr;
+  state.counters["frr/backend"] = (frr < 0 ? limit : frr) / ours;
+}
+
+BENCHMARK(BM_AgainstFrr)
+    ->ArgNames({"rules", "shared"})
+    ->Args({500, 1})
+    ->Args({5000, 1})
+    ->Args({10000, 1})
+    ->Args({500, 0})
+    ->Args({5000, 0})
+    ->Args({10000, 0})
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+void BM_InstallRules(benchmark::State& state) {
+  auto n = static_cast<uint32_t>(state.range(0));
+  double ours = 0, classifier = 0, ip = 0;
+  for (auto _ : state) {
+    std::string error;
+    ours = InstallWithBackend<KernelClient>(n, &error);
+    if (error.empty()) classifier = InstallWithBackend<ClassifierClient>(n, &error);
+    if (error.empty() && !std::getenv("PBR_BENCH_NO_IP_BATCH")) ip = InstallWithIpBatch(n, &error);
     if (!error.empty()) {
       state.SkipWithError(error.c_str());
       return;
@@ -174,6 +316,8 @@ void BM_InstallRules(benchmark::State& state) {
   state.counters["ip_batch_s"] = ip;
   state.counters["ip_batch/backend"] = ip / ours;
   state.counters["us_per_rule"] = ours * 1e6 / n;
+  state.counters["classifier_s"] = classifier;
+  state.counters["classifier_us_per_rule"] = classifier * 1e6 / n;
 }
 
 BENCHMARK(BM_InstallRules)
