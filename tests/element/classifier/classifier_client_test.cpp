@@ -5,7 +5,6 @@
 // alone does. Real pings check steering, changes and a restart without loss.
 #include "element/classifier/classifier_client.h"
 
-#include <algorithm>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
@@ -15,6 +14,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <chrono>
 #include <cstring>
@@ -27,8 +27,7 @@
 
 #include "element/kernel/kernel_client.h"
 #include "platform/vqmw.h"
-#include "tests/element/kernel/testbed.h"
-#include "tests/element/middleware/element_env.h"
+#include "tests/element/kernel/backend_fixture.h"
 #include "tests/support/entry_builder.h"
 
 namespace pbr::element {
@@ -118,82 +117,25 @@ uint32_t Classify(const std::string& iif, const std::string& src, const std::str
   return error ? ~0u : ctx.mark;
 }
 
-class ClassifierTest : public ::testing::Test, public PbrStatusItf {
+class ClassifierTest : public pbrtest::BackendTest {
  protected:
+  ClassifierTest() : BackendTest("classifier=10") {}
+
   void SetUp() override {
-    bed_ = std::make_unique<pbrtest::TestBed>();
-    if (!bed_->ok()) GTEST_SKIP() << bed_->error();
-    mw_ = vqmw_init(("classifier-test-" + std::to_string(getpid())).c_str());
-    ASSERT_NE(mw_, nullptr);
+    BackendTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
     // Main reaches everything through a neighbour of its own, so every outcome is distinct.
     ASSERT_EQ(bed_->Ip("r", "route add default via 10.0.1.3"), 0);
   }
 
-  void TearDown() override {
-    client_.reset();
-    if (HasFailure()) std::cerr << "backend log:\n" << env_.Log();
-    if (mw_) vqmw_finish(&mw_);
-    bed_.reset();
-  }
-
-  void StatusUpdateCb(const uint16_t& id, uint32_t status) override { statuses_[id] = status; }
-
-  // Starts (or restarts) a backend and waits until it has loaded its datapath.
-  bool Start(bool classifier) {
-    client_.reset();
+  // Starts (or restarts) a backend.
+  void Start(bool classifier) {
     auto* log = vqmw_trace_register_category("classifier");
-    if (classifier) {
-      auto c = std::make_unique<ClassifierClient>(mw_, log, ClassifierClient::Options{Names, 2s});
-      settled_ = [p = c.get()] { return p->Settled(); };
-      client_ = std::move(c);
-    } else {
-      auto k = std::make_unique<KernelClient>(mw_, log, KernelClient::Options{Names, 2s});
-      settled_ = [p = k.get()] { return p->Settled(); };
-      client_ = std::move(k);
-    }
-    client_->RegisterStatusListener(this);
-    return true;
+    if (classifier)
+      Use(std::make_unique<ClassifierClient>(mw_, log, ClassifierClient::Options{Names, 2s}));
+    else
+      Use(std::make_unique<KernelClient>(mw_, log, KernelClient::Options{Names, 2s}));
   }
-
-  bool RunUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    bool met = false;
-    std::unique_ptr<vqmw::Source> timer;
-    std::function<void()> check = [&] {
-      met = done();
-      if (met || std::chrono::steady_clock::now() > deadline)
-        vqmw::Exit(mw_, 0);
-      else
-        timer = vqmw::StartTimer(mw_, 2ms, check);
-    };
-    timer = vqmw::StartTimer(mw_, 0us, check);
-    vqmw_loop_while_timeout(mw_, nullptr, static_cast<int>(limit.count()) + 1000);
-    return met;
-  }
-  bool Settle() { return RunUntil(settled_); }
-
-  // Which of r's next-hop links carried a ping from a to 10.9.9.9: "rb1", "rb2" or "?".
-  std::string PingPath() {
-    uint64_t b1 = bed_->TxPackets("rb1"), b2 = bed_->TxPackets("rb2");
-    pbrtest::BackgroundPing ping(*bed_, 5, 20);
-    auto [sent, received] = ping.Wait();
-    EXPECT_EQ(received, sent) << "pings lost";
-    uint64_t d1 = bed_->TxPackets("rb1") - b1, d2 = bed_->TxPackets("rb2") - b2;
-    if (d1 >= 5 && d2 < 5) return "rb1";
-    if (d2 >= 5 && d1 < 5) return "rb2";
-    return "?";
-  }
-
-  pbrtest::ElementEnv env_{"classifier=10"};
-  std::unique_ptr<pbrtest::TestBed> bed_;
-  vqmw_t* mw_ = nullptr;
-  std::unique_ptr<PbrClient> client_;
-  std::function<bool()> settled_;
-  std::map<uint16_t, uint32_t> statuses_;
-};
-
-struct Packet {
-  std::string iif, src, dst;
 };
 
 // Every decision for a grid of packets that the rules' prefixes cut in many ways.
@@ -252,7 +194,7 @@ TEST_F(ClassifierTest, ForwardsExactlyAsTheFibRulesOnRandomRuleSets) {
           ActionL3NextHop via(in_addr{});
           bool dead =
               e.getAction(via) == PBR_OK && (ntohl(via.getL3NextHop().s_addr) >> 8) == 0x0a0002;
-          if (dead && statuses_[e.getId()] != 2) return false;
+          if (dead && Status(e.getId()) != 2) return false;
         }
         return settled_();
       }));
@@ -270,12 +212,12 @@ TEST_F(ClassifierTest, ForwardsExactlyAsTheFibRulesOnRandomRuleSets) {
 
 TEST_F(ClassifierTest, SteersRealPacketsAndRestartsWithoutLoss) {
   Start(true);
-  EXPECT_EQ(PingPath(), "rb1");
+  EXPECT_EQ(bed_->PingPath(), "rb1");
   client_->SetEntry(
       7, EntryBuilder(7).Priority(10).From("10.1.0.0/16").Iif(1).Via("10.0.2.2").Build());
   ASSERT_TRUE(Settle());
-  EXPECT_EQ(statuses_[7], 1u);
-  EXPECT_EQ(PingPath(), "rb2");
+  EXPECT_EQ(Status(7), 1u);
+  EXPECT_EQ(bed_->PingPath(), "rb2");
 
   // A restarted backend takes over from the previous run's program while packets flow.
   uint64_t before = bed_->TxPackets("rb2");
@@ -294,8 +236,8 @@ TEST_F(ClassifierTest, SteersRealPacketsAndRestartsWithoutLoss) {
       << "one mark rule for the one next hop";
 
   client_->DeleteEntry(7);
-  ASSERT_TRUE(RunUntil([&] { return statuses_[7] == 0 && settled_(); }));
-  EXPECT_EQ(PingPath(), "rb1");
+  ASSERT_TRUE(RunUntil([&] { return Status(7) == 0 && settled_(); }));
+  EXPECT_EQ(bed_->PingPath(), "rb1");
 }
 
 }  // namespace

@@ -41,10 +41,16 @@ ChildResult Cli(std::vector<std::string> args, std::string input = {}) {
 // A server process in the test's own element environment, stopped with SIGTERM at the end.
 class CliE2e : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { StartServer(); }
+  void StartServer() {
     std::string error;
     server_ = pbrtest::StartService({PBR_MGMTD_BIN}, (env_.root() / "notify").string(), &error);
     ASSERT_TRUE(server_) << error << env_.Log();
+  }
+  void RestartServer(int signal) {
+    server_->Signal(signal);
+    server_->Finish(10s);
+    StartServer();
   }
   void TearDown() override {
     if (!server_) return;
@@ -299,11 +305,7 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
   }
   EXPECT_EQ(Running(), afterFirst);
 
-  server_->Signal(SIGTERM);
-  server_->Finish(10s);
-  std::string error;
-  server_ = pbrtest::StartService({PBR_MGMTD_BIN}, (env_.root() / "notify").string(), &error);
-  ASSERT_TRUE(server_) << error;
+  ASSERT_NO_FATAL_FAILURE(RestartServer(SIGTERM));
   const ChildResult list = Cli({"show", "commits", "--json"});
   ExpectOk(list);
   const auto commits = nlohmann::json::parse(list.out);
@@ -356,10 +358,7 @@ TEST_F(CliE2e, ConfirmedCommitsNotConfirmedEndInThePreviousConfigurationEverywhe
     auto shell = Shell();
     Type(*shell, c.commands, c.expect);
     if (c.killServer) {
-      server_->Signal(SIGKILL);
-      server_->Finish(10s);
-      server_ = pbrtest::StartService({PBR_MGMTD_BIN}, (env_.root() / "notify").string(), &error);
-      ASSERT_TRUE(server_) << error;
+      ASSERT_NO_FATAL_FAILURE(RestartServer(SIGKILL));
     }
     for (int i = 0; i < 50 && Running() != before; ++i) std::this_thread::sleep_for(100ms);
     EXPECT_EQ(Running(), before);
@@ -375,11 +374,7 @@ TEST_F(CliE2e, ConfirmedCommitsNotConfirmedEndInThePreviousConfigurationEverywhe
 TEST_F(CliE2e, AShellAcrossARestartSaysItsCandidateIsGone) {
   auto shell = Shell();
   Type(*shell, "set /router/pbr{1}/rule/priority 1\nshow candidate\n", "priority 1\n");
-  server_->Signal(SIGTERM);
-  server_->Finish(10s);
-  std::string error;
-  server_ = pbrtest::StartService({PBR_MGMTD_BIN}, (env_.root() / "notify").string(), &error);
-  ASSERT_TRUE(server_) << error;
+  ASSERT_NO_FATAL_FAILURE(RestartServer(SIGTERM));
   Type(*shell, "commit\n", "nothing of the candidate was committed");
   Type(*shell, "set /router/pbr{2}/rule/priority 2\ncommit\n", "committed");
   EXPECT_THAT(Running(), Not(HasSubstr("\"id\": 1,")));

@@ -5,18 +5,12 @@
 #include "element/pbr/rule_reasons.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <functional>
-#include <iostream>
 #include <map>
-#include <memory>
 #include <vector>
 
-#include "platform/vqmw.h"
-#include "tests/element/kernel/testbed.h"
-#include "tests/element/middleware/element_env.h"
+#include "tests/element/kernel/backend_fixture.h"
 #include "tests/support/entry_builder.h"
 
 namespace pbr::element {
@@ -24,7 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using pbrtest::EntryBuilder;
-using pbrtest::TestBed;
 
 // Interface ids of the test: 1 ra, 2 rb1, 3 rb2, 5 eth5 (absent until a test makes it); others
 // unknown.
@@ -36,8 +29,6 @@ std::optional<std::string> Names(limid_t id) {
   return it->second;
 }
 
-constexpr uint32_t kNoReport = 99;
-
 // The table of a next hop, as a number and as `ip rule` prints it.
 uint32_t Table(const std::string& next_hop) {
   return TableOf(pbrtest::Ip(next_hop).s_addr);
@@ -46,67 +37,16 @@ std::string Lookup(const std::string& next_hop) {
   return " lookup " + std::to_string(Table(next_hop));
 }
 
-class KernelClientTest : public ::testing::Test, public PbrStatusItf {
+class KernelClientTest : public pbrtest::BackendTest {
  protected:
-  void SetUp() override {
-    bed_ = std::make_unique<TestBed>();
-    if (!bed_->ok()) GTEST_SKIP() << bed_->error();
-    mw_ = vqmw_init(("kernel-test-" + std::to_string(getpid())).c_str());
-    ASSERT_NE(mw_, nullptr);
-  }
-
-  void TearDown() override {
-    client_.reset();
-    if (HasFailure()) std::cerr << "backend log:\n" << env_.Log();
-    if (mw_) vqmw_finish(&mw_);
-    bed_.reset();
-  }
-
-  void StatusUpdateCb(const uint16_t& id, uint32_t status) override {
-    statuses_[id].push_back(status);
-  }
+  KernelClientTest() : BackendTest("kernel=10") {}
 
   KernelClient& Start(std::chrono::milliseconds grace = 60s) {
-    client_.reset();
-    client_ = std::make_unique<KernelClient>(mw_, vqmw_trace_register_category("kernel"),
-                                             KernelClient::Options{Names, grace});
-    client_->RegisterStatusListener(this);
-    return *client_;
-  }
-
-  // Runs the loop until `done` holds, checking every `tick`, for at most `limit`.
-  bool RunUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s,
-                std::chrono::milliseconds tick = 2ms) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    bool met = false;
-    std::unique_ptr<vqmw::Source> timer;
-    std::function<void()> check = [&] {
-      met = done();
-      if (met || std::chrono::steady_clock::now() > deadline)
-        vqmw::Exit(mw_, 0);
-      else
-        timer = vqmw::StartTimer(mw_, tick, check);
-    };
-    timer = vqmw::StartTimer(mw_, 0us, check);
-    vqmw_loop_while_timeout(mw_, nullptr, static_cast<int>(limit.count()) + 1000);
-    return met;
-  }
-
-  bool Settle() {
-    return RunUntil([&] { return client_->Settled(); });
-  }
-
-  // Runs the loop until rule `id` reports `status`.
-  bool AwaitStatus(uint16_t id, uint32_t status) {
-    return RunUntil([&] { return Status(id) == status; });
+    return Use(std::make_unique<KernelClient>(mw_, vqmw_trace_register_category("kernel"),
+                                              KernelClient::Options{Names, grace}));
   }
 
   static std::string Reason(uint16_t id) { return std::string(RuleReasons::Instance().Reason(id)); }
-
-  uint32_t Status(uint16_t id) const {
-    auto it = statuses_.find(id);
-    return it == statuses_.end() || it->second.empty() ? kNoReport : it->second.back();
-  }
 
   // Our rules as `ip rule` prints them, in list order: "11 from 10.1.0.0/16 iif ra lookup T";
   // without the local traffic guard unless asked.
@@ -137,12 +77,6 @@ class KernelClientTest : public ::testing::Test, public PbrStatusItf {
       if (r["dst"] == "default") out.push_back(r["gateway"].get<std::string>());
     return out;
   }
-
-  pbrtest::ElementEnv env_{"kernel=10"};
-  std::unique_ptr<TestBed> bed_;
-  vqmw_t* mw_ = nullptr;
-  std::unique_ptr<KernelClient> client_;
-  std::map<uint16_t, std::vector<uint32_t>> statuses_;
 };
 
 Entry SteerToB2(uint16_t id = 7) {

@@ -2,27 +2,17 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
 namespace pbrtest {
 
 int Shell(const std::string& command, std::string* out) {
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (!pipe) return -1;
-  std::string text;
-  std::array<char, 4096> buf;
-  size_t n;
-  while ((n = fread(buf.data(), 1, buf.size(), pipe)) > 0) text.append(buf.data(), n);
-  int status = pclose(pipe);
-  if (out) *out = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  const ChildResult r = RunChild({"sh", "-c", command + " 2>&1"});
+  if (out) *out = r.out;
+  return r.timedOut || r.status >= 128 ? -1 : r.status;
 }
 
 TestBed::TestBed() {
@@ -129,45 +119,24 @@ std::string TestBed::PingPath() const {
          std::to_string(d1) + ", rb2 +" + std::to_string(d2) + ")";
 }
 
-BackgroundPing::BackgroundPing(const TestBed& bed, int count, int interval_ms) {
-  char path[] = "/tmp/pbr-ping.XXXXXX";
-  int fd = mkstemp(path);
-  output_ = path;
-  std::string interval = std::to_string(interval_ms / 1000.0);
-  std::string deadline = std::to_string(count * interval_ms / 1000 + 5);
-  std::string ns = bed.Ns("a");
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(fd, 1);
-    dup2(fd, 2);
-    execlp("ip", "ip", "netns", "exec", ns.c_str(), "ping", "-q", "-n", "-c",
-           std::to_string(count).c_str(), "-i", interval.c_str(), "-w", deadline.c_str(),
-           "10.9.9.9", static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(fd);
-}
+BackgroundPing::BackgroundPing(const TestBed& bed, int count, int interval_ms)
+    : ping_(std::make_unique<Child>(std::vector<std::string>{
+          "ip", "netns", "exec", bed.Ns("a"), "ping", "-q", "-n", "-c", std::to_string(count), "-i",
+          std::to_string(interval_ms / 1000.0), "-w",
+          std::to_string(count * interval_ms / 1000 + 5), "10.9.9.9"})) {}
 
 BackgroundPing::~BackgroundPing() {
-  if (pid_ > 0) Wait();
-  unlink(output_.c_str());
+  if (ping_) Wait();
 }
 
 std::pair<int, int> BackgroundPing::Wait() {
-  if (pid_ > 0) {
-    int status;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-  }
-  std::ifstream in(output_);
-  std::stringstream text;
-  text << in.rdbuf();
-  std::string s = text.str();
+  const std::string s = ping_->Finish(std::chrono::seconds(60)).out;
+  ping_.reset();
   // "5 packets transmitted, 5 received, ..."
-  auto at = s.find(" packets transmitted, ");
-  if (at == std::string::npos) return {0, 0};
-  auto start = s.rfind('\n', at);
   int sent = 0, received = 0;
+  const auto at = s.find(" packets transmitted, ");
+  if (at == std::string::npos) return {0, 0};
+  const auto start = s.rfind('\n', at);
   if (std::sscanf(s.c_str() + (start == std::string::npos ? 0 : start + 1),
                   "%d packets transmitted, %d received", &sent, &received) != 2)
     return {0, 0};

@@ -8,11 +8,12 @@
 // running in parallel do not collide.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+
+#include "tests/element/cli/child_process.h"
 
 namespace pbrtest {
 
@@ -57,12 +58,11 @@ class BackgroundPing {
  public:
   BackgroundPing(const TestBed& bed, int count, int interval_ms);
   ~BackgroundPing();
-  // Waits for the end; packets sent and received.
+  // Waits for the end, once; packets sent and received.
   std::pair<int, int> Wait();
 
  private:
-  pid_t pid_ = -1;
-  std::string output_;
+  std::unique_ptr<Child> ping_;
 };
 
 }  // namespace pbrtest
