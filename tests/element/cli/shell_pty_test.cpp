@@ -128,7 +128,9 @@ TEST(ShellOnATerminal, CompletesExplainsRefusesEarlyAndKeepsChangesUntilLeavingI
        "set /router/pbr{7}/rule/description " + std::string(33, 'x') + "\r",
        "description: at most 32 bytes"},
       {"nothing refused reached the candidate", "show candidate\r", "no changes"},
-      {"a valid change is taken", "set /router/pbr{7}/rule/priority 5\r", "pbr> "},
+      // The next prompt, not an earlier one: Ctrl-D must reach readline, not the line discipline.
+      {"a valid change is taken", "set /router/pbr{7}/rule/priority 5\r",
+       "rule/priority 5\r\npbr> "},
       {"Ctrl-D asks first", "\x04", "1 uncommitted change; leave and drop it? [y/N] "},
       {"declined, the change stays", "n\rshow candidate\r", "set /router/pbr{7}/rule/priority 5"},
       {"quit asks too", "quit\r", "leave and drop it? [y/N] "},
