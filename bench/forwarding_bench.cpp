@@ -287,21 +287,3 @@ BENCHMARK(BM_ForwardClassifier)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  // A private runtime directory for the middleware's registration lock.
-  std::string runtime;
-  if (!std::getenv("PBR_ELEMENT_RUNTIME_DIR")) {
-    std::string tmpl = std::filesystem::temp_directory_path() / "pbr-bench.XXXXXX";
-    if (mkdtemp(tmpl.data())) {
-      runtime = tmpl;
-      setenv("PBR_ELEMENT_RUNTIME_DIR", runtime.c_str(), 1);
-    }
-  }
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  if (!runtime.empty()) std::filesystem::remove_all(runtime);
-  return 0;
-}
