@@ -868,7 +868,9 @@ uint64_t Server::Impl::HandleCommit(Session& session, uint64_t request,
   store->Apply(std::move(candidate));
   std::string why;
   CommitRecord entry = commitRecord;
-  *entry.mutable_after() = record;
+  // Unless a replace's record holds just the entries it changed, its journal record is the after
+  // side.
+  if (!commitRecord.has_after()) *entry.mutable_after() = record;
   if (!history->Append(entry, &why)) {
     vqmw::Logger().error("commit {} is left out of the history: {}", entry.id(), why);
   }
@@ -905,17 +907,36 @@ CommitRecord Server::Impl::RecordOf(const Candidate& candidate, const CommitInfo
   record.set_user(session.user);
   record.set_client(info.client);
   record.set_comment(info.comment);
-  TreeOwner before;
+  std::vector<std::pair<const lyd_node*, const lyd_node*>> changes;
   store->ForEachChange(candidate, [&](const lyd_node* old, const lyd_node* entry) {
     if (!old) {
       ++counts->added;
       record.add_created(Path(entry));
-      return;
+    } else {
+      ++(entry ? counts->changed : counts->deleted);
     }
-    ++(entry ? counts->changed : counts->deleted);
-    if (!candidate.whole) CopyEntry(&before.tree, old);
+    changes.emplace_back(old, entry);
   });
-  record.set_before_json(candidate.whole ? store->RunningJson(true) : PrintJson(before.tree, true));
+  // A replace keeps both whole configurations only when it changes many entries: copying entries
+  // one by one costs more than printing the whole tree, and a replace of a large configuration
+  // that changes a few entries must not cost a large record.
+  constexpr size_t kEntriesCopiedAtMost = 4096;
+  if (candidate.whole && changes.size() > kEntriesCopiedAtMost) {
+    record.set_before_json(store->RunningJson(true));
+    return record;  // the journal record, the whole new configuration, is the after side
+  }
+  TreeOwner before, after;
+  for (const auto& [old, entry] : changes) {
+    if (old) CopyEntry(&before.tree, old);
+    if (!candidate.whole) continue;
+    if (entry) {
+      CopyEntry(&after.tree, entry);
+    } else {
+      record.mutable_after()->add_deleted(Path(old));
+    }
+  }
+  record.set_before_json(PrintJson(before.tree, true));
+  if (candidate.whole) record.mutable_after()->set_json(PrintJson(after.tree, true));
   return record;
 }
 

@@ -292,6 +292,7 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
   };
   const std::vector<Case> cases = {
       {{"show", "commit", "2"}, "delete /router/pbr{1}\nset /router/pbr{2}/rule/priority 22\n"},
+      {{"show", "commit", "3"}, "delete /router/pbr{2}\nset /router/pbr{3}/rule/priority 3\n"},
       {{"rollback", "1", "--dry-run"},
        "set /router/pbr{1}/rule/priority 1\nset /router/pbr{2}/rule/priority 2\n"
        "delete /router/pbr{3}\n"},
