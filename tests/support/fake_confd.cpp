@@ -7,27 +7,17 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/pbr_schema.h"
+#include "element/framework/values.h"
 
 namespace fake {
 namespace {
 
 Cdb cdb;
-std::string lastError;
-std::vector<std::vector<ReplyValue>> replies;
 
 std::string Format(const char* fmt, va_list args) {
   char path[1024];
   vsnprintf(path, sizeof(path), fmt, args);
   return path;
-}
-
-const char* TagName(uint32_t tag) {
-#define PBR_TAG(constant, node, value) \
-  if (tag == value) return node;
-#include "common/pbr_tags.def"
-#undef PBR_TAG
-  return nullptr;
 }
 
 }  // namespace
@@ -37,14 +27,7 @@ Cdb& TheCdb() {
 }
 void ResetCdb() {
   cdb = Cdb{};
-  lastError.clear();
-  replies.clear();
-}
-void SetLastError(const std::string& text) {
-  lastError = text;
-}
-std::vector<std::vector<ReplyValue>>& Replies() {
-  return replies;
+  vqconfd::detail::SetLastError("");
 }
 
 void Cdb::SetU32(const std::string& path, uint32_t value) {
@@ -115,15 +98,15 @@ const fake::Cdb::Stored* Lookup(const char* function, const std::string& path, i
   fake::cdb.CountRead(function, path);
   const fake::Cdb::Stored* s = fake::cdb.Find(path);
   if (s == nullptr) {
-    fake::lastError = "item does not exist";
+    vqconfd::detail::SetLastError("item does not exist");
     return nullptr;
   }
   if (!s->error.empty()) {
-    fake::lastError = s->error;
+    vqconfd::detail::SetLastError(s->error);
     return nullptr;
   }
   if (type != 0 && s->value.type != type) {
-    fake::lastError = "wrong type";
+    vqconfd::detail::SetLastError("wrong type");
     return nullptr;
   }
   return s;
@@ -164,7 +147,7 @@ int cdb_get_str(int, char* rval, int n, const char* fmt, ...) {
   const fake::Cdb::Stored* s = Lookup("cdb_get_str", path, C_BUF);
   if (s == nullptr) return CONFD_ERR;
   if (static_cast<int>(s->text.size()) >= n) {
-    fake::lastError = "buffer too small";
+    vqconfd::detail::SetLastError("buffer too small");
     return CONFD_ERR;
   }
   memcpy(rval, s->text.c_str(), s->text.size() + 1);
@@ -197,65 +180,6 @@ int cdb_get_list(int, confd_value_t** values, int* n, const char* fmt, ...) {
     v.val.buf.size = static_cast<unsigned>(s->list[i].size());
     v.val.buf.ptr = reinterpret_cast<unsigned char*>(strdup(s->list[i].c_str()));
   }
-  return CONFD_OK;
-}
-
-void confd_free_value(confd_value_t* v) {
-  if (v->type == C_BUF) free(v->val.buf.ptr);
-  v->type = C_NOEXISTS;
-}
-
-const char* confd_lasterr(void) {
-  return fake::lastError.c_str();
-}
-
-int confd_pp_kpath(char* buf, int bufsiz, const confd_hkeypath_t* kp) {
-  std::string text;
-  for (int i = kp->len - 1; i >= 0; --i) {
-    const confd_value_t& v = kp->v[i][0];
-    if (v.type == C_XMLTAG) {
-      const char* name = fake::TagName(v.val.xmltag.tag);
-      text += "/" + std::string(name ? name : std::to_string(v.val.xmltag.tag));
-    } else if (v.type == C_UINT32) {
-      text += "{" + std::to_string(v.val.u32) + "}";
-    } else if (v.type == C_BUF) {
-      text += "{" + std::string(reinterpret_cast<const char*>(v.val.buf.ptr)) + "}";
-    } else {
-      text += "{?}";
-    }
-  }
-  snprintf(buf, bufsiz, "%s", text.c_str());
-  return static_cast<int>(text.size());
-}
-
-int confd_data_reply_tag_value_array(struct confd_trans_ctx*, confd_tag_value_t* tv, int n) {
-  std::vector<fake::ReplyValue> reply;
-  for (int i = 0; i < n; ++i) {
-    fake::ReplyValue r{};
-    r.tag = tv[i].tag.tag;
-    r.ns = tv[i].tag.ns;
-    r.type = tv[i].v.type;
-    switch (tv[i].v.type) {
-      case C_UINT32:
-        r.u32 = tv[i].v.val.u32;
-        break;
-      case C_ENUM_VALUE:
-        r.enumValue = tv[i].v.val.enumvalue;
-        break;
-      case C_STR:
-        r.str = tv[i].v.val.s;
-        break;
-      case C_XMLBEGIN:
-      case C_XMLEND:
-        r.xmlTag = tv[i].v.val.xmltag.tag;
-        r.xmlNs = tv[i].v.val.xmltag.ns;
-        break;
-      default:
-        break;
-    }
-    reply.push_back(r);
-  }
-  fake::replies.push_back(std::move(reply));
   return CONFD_OK;
 }
 

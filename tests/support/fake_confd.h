@@ -1,5 +1,5 @@
-// A scripted CDB behind the cdb_* reads, and the rest of the ConfD client library the daemon
-// calls: keypath printing and a capture of data-provider replies.
+// A scripted CDB behind the cdb_* reads. The rest of the ConfD client library the daemon calls
+// (keypath printing, last errors, data-provider replies) is the element's own.
 #pragma once
 
 #include <cstdint>
@@ -54,20 +54,5 @@ class Cdb {
 
 Cdb& TheCdb();
 void ResetCdb();
-void SetLastError(const std::string& text);
-
-// One element of a captured reply, with its string copied.
-struct ReplyValue {
-  uint32_t tag;
-  uint32_t ns;
-  int type;
-  uint32_t u32 = 0;
-  int32_t enumValue = 0;
-  std::string str;
-  uint32_t xmlTag = 0;
-  uint32_t xmlNs = 0;
-};
-// Every confd_data_reply_tag_value_array call, in order.
-std::vector<std::vector<ReplyValue>>& Replies();
 
 }  // namespace fake
