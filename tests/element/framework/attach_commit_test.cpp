@@ -82,6 +82,7 @@ TEST_F(AttachCommitTest, AttachmentLoadsTheStoredConfigurationIntoTheDaemon) {
   StartAll();
   EXPECT_THAT(config_->events,
               ElementsAre("ConfdConnected 2", "ReadInitialConfig", "ApplyInitialConfig"));
+  EXPECT_EQ(config_->firstRule, 10u) << "list positions are in key order";
   EXPECT_EQ(cache_.configs.at(10).description, "ten");
   EXPECT_EQ(Rule(10), EntryBuilder(10).Priority(1).From("10.1.2.3/16").Via("10.0.0.1").Build());
   EXPECT_EQ(Rule(20), EntryBuilder(20).Priority(2).To("192.0.2.1").Iif("eth2").Iif("eth1").Build());

@@ -120,6 +120,8 @@ void RecordingConfigHandler::ConfdDisconnected() {
 }
 
 void RecordingConfigHandler::ReadInitialConfig(int sock) {
+  firstRule = 0;
+  cdb_get_u_int32(sock, &firstRule, "/router/pbr[0]/id");
   pbr::ConfigHandler::ReadInitialConfig(sock);
   events.push_back("ReadInitialConfig");
 }

@@ -85,6 +85,7 @@ class RecordingConfigHandler : public pbr::ConfigHandler {
 
   // "StartCommit", "MOP_CREATED /router/pbr{7}", "MOP_VALUE_SET /router/pbr{7}/id 7", ...
   std::vector<std::string> events;
+  uint32_t firstRule = 0;  // the id at list position 0 in the last ReadInitialConfig
   int attachments = 0;
   int commits = 0;
   // Steers the descent per keypath text; recurse by default.
