@@ -18,7 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/element/cli/child_process.h"
-#include "tests/element/cli/golden.h"
+#include "tests/support/golden.h"
 #include "tests/element/middleware/element_env.h"
 
 namespace {

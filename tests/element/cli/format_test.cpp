@@ -5,7 +5,7 @@
 #include "element/cli/error_text.h"
 #include "element/cli/rule_view.h"
 #include "element/yang/module.h"
-#include "tests/element/cli/golden.h"
+#include "tests/support/golden.h"
 
 namespace pbr::cli {
 namespace {
