@@ -69,63 +69,26 @@ TEST_P(CdbReadTest, FailedReadsSayWhy) {
 // A short list is searched directly, a long one through its index.
 INSTANTIATE_TEST_SUITE_P(ListLengths, CdbReadTest, ::testing::Values(3, 40));
 
-// The snapshot as it arrives: read in place from the server's message; a damaged one is refused
-// whole, wherever it is cut.
-TEST(CdbSnapshotWire, ReadsTheAttachReplyInPlaceAndRefusesDamagedBytes) {
-  pbr::mgmt::ServerMessage message;
-  message.mutable_attach_reply()->set_seq(42);
+// Messages as they arrive are read in place: every attachment and commit of the framework's
+// end-to-end tests goes that way. Damaged ones are refused whole, wherever they are cut.
+TEST(WireMessages, DamagedSnapshotsAndChangeListsAreRefused) {
   build::RunningConfig cdb;
   AddRules(&cdb, 3);
-  *message.mutable_attach_reply()->mutable_root() = cdb.root();
-  const std::string wire = message.SerializeAsString();
-  uint64_t seq = 0;
-  std::string_view root;
-  ASSERT_TRUE(PeekAttachReply(wire, &seq, &root));
-  EXPECT_EQ(seq, 42u);
-  const CdbSnapshot snapshot(root);
-  ASSERT_TRUE(snapshot.valid());
-  OpenCdbSocket(kSock, &snapshot);
-  EXPECT_EQ(cdb_num_instances(kSock, "/router/pbr"), 3);
-  char text[16];
-  EXPECT_EQ(cdb_get_str(kSock, text, sizeof text, "/router/pbr{30}/rule/description"), CONFD_OK);
-  EXPECT_STREQ(text, "rule 3");
-  CloseCdbSocket(kSock);
-
+  const std::string root = cdb.root().SerializeAsString();
   for (size_t cut = 1; cut < root.size(); cut += 7) {
-    EXPECT_FALSE(CdbSnapshot(root.substr(0, cut)).valid()) << "cut at " << cut;
+    EXPECT_FALSE(CdbSnapshot(std::string_view(root).substr(0, cut)).valid()) << "cut at " << cut;
   }
-  pbr::mgmt::ServerMessage commit;
-  commit.mutable_commit()->set_seq(1);
-  EXPECT_FALSE(PeekAttachReply(commit.SerializeAsString(), &seq, &root));
-}
 
-// A commit as it arrives: its subscriptions found in place, its changes walked one at a time,
-// skipped without parsing, and a damaged change list noticed.
-TEST(CommitWire, WalksChangesInPlaceAndNoticesDamage) {
   pbr::mgmt::ServerMessage message;
-  message.mutable_commit()->set_seq(7);
-  pbr::mgmt::SubscriptionChanges* changes = message.mutable_commit()->add_subscription();
-  changes->set_subscription(1);
-  for (uint32_t op = 1; op <= 4; ++op) changes->add_change()->set_op(op);
+  message.mutable_commit()->add_subscription()->add_change()->set_op(MOP_CREATED);
   const std::string wire = message.SerializeAsString();
-
   uint64_t seq = 0;
+  std::string_view attach;
+  EXPECT_FALSE(PeekAttachReply(wire, &seq, &attach)) << "a commit is no attachment";
   std::vector<std::pair<uint32_t, std::string_view>> subscriptions;
   ASSERT_TRUE(PeekCommit(wire, &seq, &subscriptions));
-  EXPECT_EQ(seq, 7u);
   ASSERT_EQ(subscriptions.size(), 1u);
-  EXPECT_EQ(subscriptions[0].first, 1u);
-
-  ChangeCursor cursor(subscriptions[0].second);
-  EXPECT_EQ(cursor.Next()->op(), 1u);
-  cursor.Skip(2);
-  EXPECT_EQ(cursor.Next()->op(), 4u);
-  EXPECT_EQ(cursor.Next(), nullptr);
-  EXPECT_TRUE(cursor.ok());
-
-  const std::string_view cut =
-      subscriptions[0].second.substr(0, subscriptions[0].second.size() - 1);
-  ChangeCursor damaged(cut);
+  ChangeCursor damaged(subscriptions[0].second.substr(0, subscriptions[0].second.size() - 1));
   while (damaged.Next() != nullptr) {
   }
   EXPECT_FALSE(damaged.ok());
