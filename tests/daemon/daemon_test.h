@@ -6,16 +6,12 @@
 
 #include <string>
 
-#include "tests/support/fake_confd.h"
 #include "tests/support/fake_middleware.h"
 
 // Resets in the constructor, before the derived fixture's members are built.
 class DaemonTest : public ::testing::Test {
  protected:
-  DaemonTest() {
-    fake::ResetMiddleware();
-    fake::ResetCdb();
-  }
+  DaemonTest() { fake::ResetMiddleware(); }
 };
 
 // `text` as a regular expression that matches exactly it.

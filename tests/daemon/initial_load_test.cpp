@@ -1,9 +1,11 @@
 // The initial load: the cache rebuilt from CDB by list position, then every rule sent.
+#include "common/fault.h"
 #include "common/pbr_schema.h"
 #include "config/config_handler.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/support/entry_builder.h"
 #include "tests/support/recording_client.h"
+#include "tests/support/running_config.h"
 
 namespace pbr {
 namespace {
@@ -16,22 +18,21 @@ constexpr int kSocket = 42;
 
 class InitialLoadTest : public DaemonTest {
  protected:
-  fake::Cdb& cdb = fake::TheCdb();
-
-  // A rule at a list position with its id and priority; further leaves are set per test.
+  // A rule at a list position with its id and priority; further leaves are added per test.
   std::string AddRule(int position, uint32_t id, uint32_t priority) {
-    const std::string prefix = cdb.Prefix(position);
-    cdb.SetU32(prefix + "/id", id);
-    cdb.SetU32(prefix + "/rule/priority", priority);
-    cdb.SetRuleCount(position + 1);
+    const std::string prefix = cdb.Rule(position);
+    cdb.Add(prefix + "/id", C_UINT32, std::to_string(id));
+    cdb.Add(prefix + "/rule/priority", C_UINT32, std::to_string(priority));
     return prefix;
   }
-  void Load() {
-    handler.ReadInitialConfig(kSocket);
+  void Load(int socket = kSocket) {
+    cdb.Open(kSocket);
+    handler.ReadInitialConfig(socket);
     handler.ApplyInitialConfig();
   }
   const Entry& Rule(uint32_t id) { return cache.configs.at(id).entry; }
 
+  build::RunningConfig cdb;
   zlog_category_t* category = vqmw_trace_register_category("pbr-app");
   fake::RecordingClient client;
   ConfigCache cache;
@@ -47,13 +48,12 @@ TEST_F(InitialLoadTest, AnEmptyListLeavesAnEmptyCacheAndSendsNothing) {
   EXPECT_THAT(cache.changedIds, IsEmpty());
   EXPECT_THAT(cache.deletedIds, IsEmpty());
   EXPECT_THAT(client.calls, IsEmpty());
-  EXPECT_EQ(cdb.InstanceQueries(), 1);
 }
 
-TEST_F(InitialLoadTest, LoadsByPositionAndSendsInIdOrderAskingTheCountEachTime) {
-  // A failed interface list read leaves the rule without the match, unreported; absent optional
-  // leaves leave the rule without them.
-  cdb.FailRead("/router/pbr[0]/rule/match/interface", "busy");
+TEST_F(InitialLoadTest, LoadsByPositionAndSendsInIdOrder) {
+  // A failed interface list read (here: not a leaf-list) leaves the rule without the match,
+  // unreported; absent optional leaves leave the rule without them.
+  cdb.Add("/router/pbr[0]/rule/match/interface/name", C_BUF, "eth1");
   AddRule(0, 20, 5);
   AddRule(1, 10, 6);
   Load();
@@ -61,9 +61,6 @@ TEST_F(InitialLoadTest, LoadsByPositionAndSendsInIdOrderAskingTheCountEachTime) 
   EXPECT_EQ(client.calls[0].entry, EntryBuilder(10).Priority(6).Build());
   EXPECT_EQ(client.calls[1].entry, EntryBuilder(20).Priority(5).Build());
   EXPECT_EQ(cache.configs.at(20).description, "");
-  EXPECT_EQ(cdb.InstanceQueries(), 3);
-  EXPECT_EQ(cdb.Reads("cdb_get_u_int32", "/router/pbr[0]/id"), 1);
-  EXPECT_EQ(cdb.Reads("cdb_get_u_int32", "/router/pbr[1]/id"), 1);
   EXPECT_THAT(cache.changedIds, IsEmpty());
   EXPECT_THAT(fake::Middleware().faults, IsEmpty());
   EXPECT_THAT(fake::Middleware().Texts("GetPbrRuleFromCdb"),
@@ -71,23 +68,22 @@ TEST_F(InitialLoadTest, LoadsByPositionAndSendsInIdOrderAskingTheCountEachTime) 
                           "Src IP addr not set on db"));
   EXPECT_THAT(fake::Middleware().Texts("ApplyInitialConfig"), ElementsAre("Entry Point"));
 
-  // A negative count, a CDB error, ends the next load silently.
-  cdb.ScriptInstances({5, -1});
+  // A negative count, a CDB error, ends the load silently.
   client.calls.clear();
-  Load();
-  EXPECT_THAT(client.Summary(), ElementsAre("set 20"));
+  Load(kSocket + 1);
+  EXPECT_THAT(client.calls, IsEmpty());
   EXPECT_THAT(fake::Middleware().faults, IsEmpty());
 }
 
 TEST_F(InitialLoadTest, ReadsEveryFieldOfARule) {
-  std::string p = AddRule(0, 70000, 9);
-  cdb.SetStr(p + "/rule/description", std::string(32, 'd'));
-  cdb.SetIpv4AndPlen(p + "/rule/match/source/ipv4-address/mask/ip", "10.1.2.3", 16);
-  cdb.SetIpv4(p + "/rule/match/destination/ipv4-address/no-mask/ip", "192.0.2.1");
-  cdb.SetList(p + "/rule/match/interface", {"eth1", "eth2"});
-  cdb.SetIpv4(p + "/rule/action/next-hop/ip", "10.0.0.1");
-  p = AddRule(1, 2, 1);
-  cdb.SetList(p + "/rule/match/interface", {});  // an empty match
+  const std::string p = AddRule(0, 70000, 9);
+  cdb.Add(p + "/rule/description", C_BUF, std::string(32, 'd'));
+  cdb.Add(p + "/rule/match/source/ipv4-address/mask/ip", C_IPV4_AND_PLEN, "10.1.2.3/16");
+  cdb.Add(p + "/rule/match/destination/ipv4-address/no-mask/ip", C_IPV4, "192.0.2.1");
+  cdb.Add(p + "/rule/match/interface", C_BUF, "eth1");
+  cdb.Add(p + "/rule/match/interface", C_BUF, "eth2");
+  cdb.Add(p + "/rule/action/next-hop/ip", C_IPV4, "10.0.0.1");
+  AddRule(1, 2, 1);
   Load();
 
   EXPECT_EQ(cache.configs.at(70000).id, 70000u);
@@ -100,17 +96,15 @@ TEST_F(InitialLoadTest, ReadsEveryFieldOfARule) {
                              .Iif("eth2")
                              .Via("10.0.0.1")
                              .Build());
-  Entry empty = EntryBuilder(2).Priority(1).Build();
-  empty.setMatch(MatchIngressPorts({}));
-  EXPECT_EQ(Rule(2), empty);
+  EXPECT_EQ(Rule(2), EntryBuilder(2).Priority(1).Build());
   EXPECT_THAT(client.Summary(), ElementsAre("set 2", "set 4464"));
   EXPECT_EQ(fake::Middleware().Texts("GetPbrRuleFromCdb").size(), 3u);  // one source is absent
 }
 
 TEST_F(InitialLoadTest, WhenBothAddressFormsExistTheMaskFormWins) {
   std::string p = AddRule(0, 1, 1);
-  cdb.SetIpv4(p + "/rule/match/source/ipv4-address/no-mask/ip", "192.0.2.1");
-  cdb.SetIpv4AndPlen(p + "/rule/match/source/ipv4-address/mask/ip", "10.1.2.3", 24);
+  cdb.Add(p + "/rule/match/source/ipv4-address/no-mask/ip", C_IPV4, "192.0.2.1");
+  cdb.Add(p + "/rule/match/source/ipv4-address/mask/ip", C_IPV4_AND_PLEN, "10.1.2.3/24");
   Load();
   EXPECT_EQ(Rule(1), EntryBuilder(1).Priority(1).From("10.1.2.3/24").Build());
   EXPECT_THAT(fake::Middleware().Texts("GetIpAddrAndMaskFromCdb"),
@@ -124,7 +118,7 @@ TEST_F(InitialLoadTest, WhenBothAddressFormsExistTheMaskFormWins) {
 }
 
 struct ReadFault {
-  const char* leaf;  // relative path whose read fails
+  const char* leaf;  // relative path whose read fails: its value is of another type
   const char* func;
   int line;
 };
@@ -138,18 +132,22 @@ class InitialLoadFaultTest : public InitialLoadTest,
 
 TEST_P(InitialLoadFaultTest, AFailedReadIsFatalAndNamesThePositionAndPath) {
   AddRule(0, 1, 1);
-  std::string p = AddRule(1, 2, 1);
-  cdb.SetStr(p + "/rule/description", "x");
-  cdb.SetIpv4(p + "/rule/action/next-hop/ip", "10.0.0.1");
-  cdb.SetIpv4(p + "/rule/match/source/ipv4-address/no-mask/ip", "10.0.0.2");
-  cdb.SetIpv4AndPlen(p + "/rule/match/destination/ipv4-address/mask/ip", "10.0.0.3", 8);
+  const std::string p = cdb.Rule(1);
   const std::string path = p + GetParam().leaf;
-  cdb.FailRead(path, "access denied");
+  const auto add = [&](const std::string& leaf, confd_vtype type, const std::string& text) {
+    cdb.Add(p + leaf, p + leaf == path ? C_BOOL : type, text);
+  };
+  add("/id", C_UINT32, "2");
+  add("/rule/priority", C_UINT32, "1");
+  add("/rule/description", C_BUF, "x");
+  add("/rule/action/next-hop/ip", C_IPV4, "10.0.0.1");
+  add("/rule/match/source/ipv4-address/no-mask/ip", C_IPV4, "10.0.0.2");
+  add("/rule/match/destination/ipv4-address/mask/ip", C_IPV4_AND_PLEN, "10.0.0.3/8");
   EXPECT_FATAL(Load(), std::string("backtrace\n.*fault severity=1 func=") + GetParam().func +
                            " file=config_handler.cpp line=" + std::to_string(GetParam().line) +
                            " message=" +
                            Literal("[Could not read PBR config entry '1' at '" + path +
-                                   "' from CDB (Error: access denied).]"));
+                                   "' from CDB (Error: item has a different type).]"));
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryRead, InitialLoadFaultTest,
@@ -164,20 +162,17 @@ INSTANTIATE_TEST_SUITE_P(EveryRead, InitialLoadFaultTest,
                                                      "GetIpAddrAndMaskFromCdb", 168}));
 
 TEST_F(InitialLoadTest, AMissingPriorityIsFatal) {
-  cdb.SetU32(cdb.Prefix(0) + "/id", 5);
-  cdb.SetRuleCount(1);
+  cdb.Add(cdb.Rule(0) + "/id", C_UINT32, "5");
   EXPECT_FATAL(Load(),
                "line=70 message=\\[Could not read PBR config entry '0' at "
                "'/router/pbr\\[0\\]/rule/priority' from CDB \\(Error: item does not "
                "exist\\)\\.\\]");
 }
 
-TEST_F(InitialLoadTest, ALongFaultMessageIsCutAtThreeHundredFortyNineCharacters) {
-  std::string p = AddRule(0, 1, 1);
-  cdb.FailRead(p + "/rule/priority", std::string(400, 'e'));
-  const std::string full = "Could not read PBR config entry '0' at '" + p +
-                           "/rule/priority' from CDB (Error: " + std::string(400, 'e') + ").";
-  EXPECT_FATAL(Load(), "line=70 message=" + Literal("[" + full.substr(0, 349) + "]") + "\n");
+TEST_F(InitialLoadTest, AFaultMessageIsCutAtThreeHundredFortyNineCharacters) {
+  const std::string text = std::string(400, 'e');
+  EXPECT_FATAL(FatalFault("f", "x.cpp", 1, "%s", text.c_str()),
+               "line=1 message=\\[" + text.substr(0, 349) + "\\]\n");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "status/status.h"
 
 #include "common/pbr_schema.h"
+#include "element/framework/data_reply.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/support/builders.h"
 #include "tests/support/entry_builder.h"
@@ -14,11 +15,13 @@ using ::testing::SizeIs;
 
 class StatusTest : public DaemonTest {
  protected:
-  // Serves one get-object request for `id` and returns the reply.
-  std::vector<fake::ReplyValue> Show(uint32_t id) {
+  // Serves one get-object request for `id` and returns the reply as the server receives it.
+  std::vector<mgmt::TagValue> Show(uint32_t id) {
     confd_hkeypath_t kp = build::Kp("/router/pbr-status{" + std::to_string(id) + "}");
-    EXPECT_EQ(Callpoint().GetObjectCallback(nullptr, &kp), CONFD_OK);
-    return fake::Replies().back();
+    mgmt::ObjectReply reply;
+    confd_trans_ctx request{&reply};
+    EXPECT_EQ(Callpoint().GetObjectCallback(&request, &kp), CONFD_OK);
+    return {reply.value().begin(), reply.value().end()};
   }
   vqconfd::DataHandler::Callpoint& Callpoint() { return *status.GetCallpoints().at(0); }
   // Rule 5 of the documentation's example.
@@ -31,9 +34,9 @@ class StatusTest : public DaemonTest {
                                    .Build();
     cache.GetConfig(5).description = "not shown";
   }
-  static std::vector<int> Types(const std::vector<fake::ReplyValue>& reply) {
+  static std::vector<int> Types(const std::vector<mgmt::TagValue>& reply) {
     std::vector<int> types;
-    for (const auto& v : reply) types.push_back(v.type);
+    for (const auto& v : reply) types.push_back(static_cast<int>(v.value().type()));
     return types;
   }
 
@@ -63,28 +66,25 @@ TEST_F(StatusTest, ServesShowPbrAndReportsOverwriteWithUnknownIdsReadingZero) {
 TEST_F(StatusTest, ARuleIsShownWithItsAddressesActionAndStatus) {
   AddExampleRule();
   listener.StatusUpdateCb(5, 1);
-  std::vector<fake::ReplyValue> reply = Show(5);
+  std::vector<mgmt::TagValue> reply = Show(5);
   ASSERT_THAT(reply, SizeIs(10));
   EXPECT_THAT(Types(reply), ElementsAre(C_UINT32, C_XMLBEGIN, C_NOEXISTS, C_STR, C_STR, C_NOEXISTS,
                                         C_STR, C_ENUM_VALUE, C_NOEXISTS, C_XMLEND));
   std::vector<uint32_t> tags;
   std::vector<uint32_t> namespaces;
   for (const auto& v : reply) {
-    tags.push_back(v.tag);
-    namespaces.push_back(v.ns);
+    tags.push_back(v.tag());
+    namespaces.push_back(v.ns());
   }
   EXPECT_THAT(tags,
               ElementsAre(pbr_id, pbr_rule, pbr_priority, pbr_source_ip, pbr_destination_ip,
                           pbr_interfaces, pbr_action, pbr_hw_status, pbr_description, pbr_rule));
   EXPECT_THAT(namespaces, ElementsAre(0u, pbr__ns, 0u, 0u, 0u, 0u, 0u, 0u, 0u, pbr__ns));
-  EXPECT_EQ(reply[0].u32, 5u);
-  EXPECT_EQ(reply[1].xmlTag, pbr_rule);
-  EXPECT_EQ(reply[1].xmlNs, pbr__ns);
-  EXPECT_EQ(reply[3].str, "10.1.0.0/16");
-  EXPECT_EQ(reply[4].str, "192.168.2.1");
-  EXPECT_EQ(reply[6].str, "10.0.0.1");
-  EXPECT_EQ(reply[7].enumValue, 1);
-  EXPECT_EQ(reply[9].xmlTag, pbr_rule);
+  EXPECT_EQ(reply[0].value().text(), "5");
+  EXPECT_EQ(reply[3].value().text(), "10.1.0.0/16");
+  EXPECT_EQ(reply[4].value().text(), "192.168.2.1");
+  EXPECT_EQ(reply[6].value().text(), "10.0.0.1");
+  EXPECT_EQ(reply[7].value().text(), "1");
   EXPECT_TRUE(fake::Middleware().Logged("Received getObject request for '/router/pbr-status{5}'"));
   char stored[16];  // the address as stored, printed as a host integer
   snprintf(stored, sizeof(stored), "%x", pbrtest::Ip("10.1.0.0").s_addr);
@@ -94,41 +94,41 @@ TEST_F(StatusTest, ARuleIsShownWithItsAddressesActionAndStatus) {
 
 TEST_F(StatusTest, MissingMatchesAreAbsentAndAMissingNextHopIsL3Routing) {
   AddExampleRule();
-  EXPECT_EQ(Show(5)[7].enumValue, 0);  // not reported yet
+  EXPECT_EQ(Show(5)[7].value().text(), "0");  // not reported yet
   Entry& entry = cache.GetConfig(5).entry;
   entry.deleteAction(ACTION_L3_NEXT_HOP);
   entry.deleteMatch(MATCH_SRC_IPV4);
   listener.StatusUpdateCb(5, 2);
-  std::vector<fake::ReplyValue> reply = Show(5);
+  std::vector<mgmt::TagValue> reply = Show(5);
   ASSERT_THAT(reply, SizeIs(10));
-  EXPECT_EQ(reply[3].type, C_NOEXISTS);
-  EXPECT_EQ(reply[4].str, "192.168.2.1");
-  EXPECT_EQ(reply[6].str, "l3-routing");
-  EXPECT_EQ(reply[7].enumValue, 2);
+  EXPECT_EQ(Types(reply)[3], C_NOEXISTS);
+  EXPECT_EQ(reply[4].value().text(), "192.168.2.1");
+  EXPECT_EQ(reply[6].value().text(), "l3-routing");
+  EXPECT_EQ(reply[7].value().text(), "2");
 
   // A code without a name leaves the status out.
   listener.StatusUpdateCb(5, 3);
   reply = Show(5);
   ASSERT_THAT(reply, SizeIs(9));
-  EXPECT_EQ(reply[7].tag, pbr_description);
-  EXPECT_EQ(reply[8].type, C_XMLEND);
+  EXPECT_EQ(reply[7].tag(), pbr_description);
+  EXPECT_EQ(Types(reply)[8], C_XMLEND);
 }
 
 TEST_F(StatusTest, AddressTextsKeepHostBitsAndShowZeroLengthPrefixes) {
   cache.GetConfig(6).entry = pbrtest::EntryBuilder(6).From("0.0.0.0/0").To("10.1.2.3/16").Build();
-  std::vector<fake::ReplyValue> reply = Show(6);
-  EXPECT_EQ(reply[3].str, "0.0.0.0/0");
-  EXPECT_EQ(reply[4].str, "10.1.2.3/16");
+  std::vector<mgmt::TagValue> reply = Show(6);
+  EXPECT_EQ(reply[3].value().text(), "0.0.0.0/0");
+  EXPECT_EQ(reply[4].value().text(), "10.1.2.3/16");
 }
 
 TEST_F(StatusTest, AnUnconfiguredIdIsShownEmptyAndCreated) {
-  std::vector<fake::ReplyValue> reply = Show(70000);
+  std::vector<mgmt::TagValue> reply = Show(70000);
   ASSERT_THAT(reply, SizeIs(10));
-  EXPECT_EQ(reply[0].u32, 70000u);
-  EXPECT_EQ(reply[3].type, C_NOEXISTS);
-  EXPECT_EQ(reply[4].type, C_NOEXISTS);
-  EXPECT_EQ(reply[6].str, "l3-routing");
-  EXPECT_EQ(reply[7].enumValue, 0);
+  EXPECT_EQ(reply[0].value().text(), "70000");
+  EXPECT_EQ(Types(reply)[3], C_NOEXISTS);
+  EXPECT_EQ(Types(reply)[4], C_NOEXISTS);
+  EXPECT_EQ(reply[6].value().text(), "l3-routing");
+  EXPECT_EQ(reply[7].value().text(), "0");
   EXPECT_EQ(cache.configs.count(70000), 1u);
   EXPECT_EQ(status.GetHwStatus(70000 & 0xffff), 0u);
 }

@@ -8,17 +8,11 @@
 #include <vector>
 
 #include "common/pbr_schema.h"
+#include "element/mgmt/keypath_text.h"
+#include "element/yang/tags.h"
 
 namespace build {
 namespace {
-
-uint32_t TagOf(const std::string& name) {
-#define PBR_TAG(constant, node, value) \
-  if (name == node) return value;
-#include "common/pbr_tags.def"
-#undef PBR_TAG
-  throw std::invalid_argument("no tag named " + name);
-}
 
 template <typename Values>
 confd_hkeypath_t FromRootFirst(const Values& rootFirst) {
@@ -74,19 +68,18 @@ confd_hkeypath_t Keypath(std::initializer_list<confd_value_t> rootFirst) {
 }
 
 confd_hkeypath_t Kp(const std::string& path) {
+  std::vector<pbr::mgmt::KeypathSegment> segments;
+  std::string error;
+  if (!pbr::mgmt::SplitKeypath(path, &segments, &error)) throw std::invalid_argument(error);
   std::vector<confd_value_t> rootFirst;
-  for (size_t at = 0; at < path.size();) {
-    const bool key = path[at] == '{';
-    const size_t end = key ? path.find('}', at) : path.find_first_of("/{", at + 1);
-    const std::string text = path.substr(at + 1, end == std::string::npos ? end : end - at - 1);
-    if (!key) {
-      rootFirst.push_back(Tag(TagOf(text)));
-    } else if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) {
-      rootFirst.push_back(U32(static_cast<uint32_t>(std::stoul(text))));
-    } else {
-      rootFirst.push_back(Buf(text));
+  for (const pbr::mgmt::KeypathSegment& segment : segments) {
+    const std::optional<uint32_t> tag = pbr::yang::TagOfName(segment.name);
+    if (!tag) throw std::invalid_argument("no tag named " + segment.name);
+    rootFirst.push_back(Tag(*tag));
+    for (const std::string& key : segment.keys) {
+      const bool number = !key.empty() && key.find_first_not_of("0123456789") == std::string::npos;
+      rootFirst.push_back(number ? U32(static_cast<uint32_t>(std::stoul(key))) : Buf(key));
     }
-    at = key ? end + 1 : end;
   }
   return FromRootFirst(rootFirst);
 }

@@ -5,7 +5,7 @@
 #include "element/cli/error_text.h"
 #include "element/cli/rule_view.h"
 #include "element/yang/module.h"
-#include "tests/element/cli/golden.h"
+#include "tests/support/golden.h"
 
 namespace pbr::cli {
 namespace {
@@ -150,60 +150,64 @@ TEST(RuleView, UnreadableDocumentsAreRefusedAndOverlongCellsKeepColumnsApart) {
 
 using Keypath = SchemaTest;
 
-TEST_F(Keypath, DataPathsBecomeKeypaths) {
-  EXPECT_EQ(KeypathOf("/pbr:router/pbr[id='7']/rule/priority", ctx_.get()),
-            "/router/pbr{7}/rule/priority");
-  EXPECT_EQ(KeypathOf("/pbr:router/pbr[id='7']/rule/match/interface[.='eth 1']", ctx_.get()),
-            R"(/router/pbr{7}/rule/match/interface{"eth 1"})");
-  EXPECT_EQ(KeypathOf(R"(/pbr:router/pbr[id="7"])", nullptr), "/router/pbr{7}");
-}
-
-TEST_F(Keypath, SchemaPathsLoseTheirChoicesAndCases) {
-  EXPECT_EQ(KeypathOf("/pbr:router/pbr/rule/match/source/ipv4-address/address/no-mask/no-mask/ip",
-                      ctx_.get()),
-            "/router/pbr/rule/match/source/ipv4-address/no-mask/ip");
-  EXPECT_EQ(KeypathOf("/pbr:router/pbr/rule/match/destination/ipv4-address/address", ctx_.get()),
-            "/router/pbr/rule/match/destination/ipv4-address");
-  // Without the schema nothing is dropped; unknown steps stop the lookup, not the conversion.
-  EXPECT_EQ(KeypathOf("/pbr:router/pbr/rule/match/source/ipv4-address/address", nullptr),
-            "/router/pbr/rule/match/source/ipv4-address/address");
-  EXPECT_EQ(KeypathOf("/pbr:router/bogus/address", ctx_.get()), "/router/bogus/address");
-}
-
-TEST_F(Keypath, TextThatIsNoPathStaysAsItIs) {
-  for (const char* text : {"", "router", "/router/pbr{7}/rule/prio", "/pbr:router/pbr[1",
-                           "/pbr:router/pbr[id=7]", "//x"}) {
-    EXPECT_EQ(KeypathOf(text, ctx_.get()), text);
+// Data paths become keypaths; schema paths lose their choices and cases; without the schema
+// nothing is dropped; unknown steps stop the lookup, not the conversion; text that is no path
+// stays as it is.
+TEST_F(Keypath, DataAndSchemaPathsBecomeKeypathsAndOtherTextStaysAsItIs) {
+  const struct {
+    const char* text;
+    bool schema;
+    const char* keypath;
+  } cases[] = {
+      {"/pbr:router/pbr[id='7']/rule/priority", true, "/router/pbr{7}/rule/priority"},
+      {"/pbr:router/pbr[id='7']/rule/match/interface[.='eth 1']", true,
+       R"(/router/pbr{7}/rule/match/interface{"eth 1"})"},
+      {R"(/pbr:router/pbr[id="7"])", false, "/router/pbr{7}"},
+      {"/pbr:router/pbr/rule/match/source/ipv4-address/address/no-mask/no-mask/ip", true,
+       "/router/pbr/rule/match/source/ipv4-address/no-mask/ip"},
+      {"/pbr:router/pbr/rule/match/destination/ipv4-address/address", true,
+       "/router/pbr/rule/match/destination/ipv4-address"},
+      {"/pbr:router/pbr/rule/match/source/ipv4-address/address", false,
+       "/router/pbr/rule/match/source/ipv4-address/address"},
+      {"/pbr:router/bogus/address", true, "/router/bogus/address"},
+      {"", true, ""},
+      {"router", true, "router"},
+      {"/router/pbr{7}/rule/prio", true, "/router/pbr{7}/rule/prio"},
+      {"/pbr:router/pbr[1", true, "/pbr:router/pbr[1"},
+      {"/pbr:router/pbr[id=7]", true, "/pbr:router/pbr[id=7]"},
+      {"//x", true, "//x"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(KeypathOf(c.text, c.schema ? ctx_.get() : nullptr), c.keypath) << c.text;
   }
 }
 
-mgmt::Error MakeError(std::string message, std::string path) {
-  mgmt::Error error;
-  error.set_message(std::move(message));
-  error.set_path(std::move(path));
-  return error;
-}
-
 TEST_F(Keypath, RefusalsNameTheNodeAndTheFileLine) {
-  EXPECT_EQ(ErrorText(MakeError("Mandatory node \"priority\" instance does not exist.",
-                                R"(Schema location "/pbr:router/pbr/rule/priority".)"),
-                      ctx_.get()),
-            R"(/router/pbr/rule/priority: Mandatory node "priority" instance does not exist.)");
-  EXPECT_EQ(ErrorText(MakeError("Invalid type uint32 value \"x\".",
-                                R"(Data location "/pbr:router/pbr[id='5']/rule/priority", )"
-                                R"(line number 3.)"),
-                      ctx_.get(), "rules.xml"),
-            R"(rules.xml:3: /router/pbr{5}/rule/priority: Invalid type uint32 value "x".)");
-  EXPECT_EQ(
-      ErrorText(MakeError("Unexpected end-of-input.", "Line number 1."), ctx_.get(), "a.json"),
-      "a.json:1: Unexpected end-of-input.");
-  EXPECT_EQ(ErrorText(MakeError("Unexpected end-of-input.", "Line number 1."), ctx_.get()),
-            "line 1: Unexpected end-of-input.");
-  EXPECT_EQ(ErrorText(MakeError("no such node to delete", "/router/pbr{99}"), ctx_.get()),
-            "/router/pbr{99}: no such node to delete");
-  EXPECT_EQ(ErrorText(MakeError("no daemon serves show_pbr", ""), ctx_.get()),
-            "no daemon serves show_pbr");
-  EXPECT_EQ(ErrorText(MakeError("", ""), nullptr, "a.json"), "a.json: refused");
+  const struct {
+    const char* message;
+    const char* path;
+    const char* file;
+    const char* text;
+  } cases[] = {
+      {"Mandatory node \"priority\" instance does not exist.",
+       R"(Schema location "/pbr:router/pbr/rule/priority".)", "",
+       R"(/router/pbr/rule/priority: Mandatory node "priority" instance does not exist.)"},
+      {"Invalid type uint32 value \"x\".",
+       R"(Data location "/pbr:router/pbr[id='5']/rule/priority", line number 3.)", "rules.xml",
+       R"(rules.xml:3: /router/pbr{5}/rule/priority: Invalid type uint32 value "x".)"},
+      {"Unexpected end-of-input.", "Line number 1.", "a.json",
+       "a.json:1: Unexpected end-of-input."},
+      {"Unexpected end-of-input.", "Line number 1.", "", "line 1: Unexpected end-of-input."},
+      {"no such node to delete", "/router/pbr{99}", "", "/router/pbr{99}: no such node to delete"},
+      {"no daemon serves show_pbr", "", "", "no daemon serves show_pbr"},
+      {"", "", "a.json", "a.json: refused"},
+  };
+  for (const auto& c : cases) {
+    mgmt::Error error;
+    error.set_message(c.message);
+    error.set_path(c.path);
+    EXPECT_EQ(ErrorText(error, ctx_.get(), c.file), c.text);
+  }
 }
 
 }  // namespace

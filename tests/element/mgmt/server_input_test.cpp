@@ -41,14 +41,12 @@ class ServerInputTest : public ::testing::Test {
     sd_event_unref(event_);
   }
 
-  // A connected client whose writes up to kSendBuffer bytes complete at once; -1 (and the test
-  // skipped) where buffers that large are not allowed.
+  // A connected client whose writes up to kSendBuffer bytes complete at once where buffers that
+  // large are allowed (bigBuffers_).
   int Connect() {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     fds_.push_back(fd);
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBuffer, sizeof kSendBuffer) != 0) {
-      return -1;
-    }
+    bigBuffers_ = setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBuffer, sizeof kSendBuffer) == 0;
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     const std::string path = env_.RuntimeDir() + "/mgmt.sock";
@@ -116,6 +114,7 @@ class ServerInputTest : public ::testing::Test {
   sd_event* event_ = nullptr;
   std::unique_ptr<Server> server_;
   std::vector<int> fds_;
+  bool bigBuffers_ = false;
 };
 
 TEST_F(ServerInputTest, AClientStreamingALargeMessageDoesNotHoldUpTheOthers) {
@@ -124,7 +123,7 @@ TEST_F(ServerInputTest, AClientStreamingALargeMessageDoesNotHoldUpTheOthers) {
   Start(options);
   const int flood = Connect();
   const int operatorFd = Connect();
-  if (flood < 0) GTEST_SKIP() << "needs SO_SNDBUFFORCE (root)";
+  if (!bigBuffers_) GTEST_SKIP() << "needs SO_SNDBUFFORCE (root)";
   SendPartial(flood, 12 << 20, 12 << 20);
   Request(operatorFd, 7);
   Response response;
@@ -143,7 +142,7 @@ TEST_F(ServerInputTest, IncompleteMessagesAreBoundedAcrossConnectionsAndInTime) 
   const int first = Connect();
   const int second = Connect();
   const int operatorFd = Connect();
-  if (first < 0) GTEST_SKIP() << "needs SO_SNDBUFFORCE (root)";
+  if (!bigBuffers_) GTEST_SKIP() << "needs SO_SNDBUFFORCE (root)";
   SendPartial(first, 4 << 20, 600 << 10);
   Pump(20ms);
   SendPartial(second, 4 << 20, 600 << 10);  // 1.07 MiB over the free allowances: refused
@@ -165,6 +164,26 @@ TEST_F(ServerInputTest, IncompleteMessagesAreBoundedAcrossConnectionsAndInTime) 
   const std::string log = env_.Log();
   EXPECT_NE(log.find("over the server's input budget"), std::string::npos) << log;
   EXPECT_NE(log.find("incomplete for over 400 ms"), std::string::npos) << log;
+}
+
+TEST_F(ServerInputTest, MalformedAndOversizedMessagesEndOnlyTheirOwnSession) {
+  Start({});
+  const int bad = Connect();
+  const int operatorFd = Connect();
+  ASSERT_EQ(write(bad, "\0\0\0\3xyz", 7), 7);
+  Response response;
+  ASSERT_TRUE(Await(bad, &response));
+  EXPECT_NE(response.error().message().find("malformed"), std::string::npos);
+  SendPartial(bad, 0x7fffffff, 0);
+  ASSERT_TRUE(Await(bad, &response));
+  EXPECT_NE(response.error().message().find("too large"), std::string::npos);
+  Pump(20ms);
+  char c;
+  EXPECT_EQ(read(bad, &c, 1), 0) << "the session stays open";
+
+  Request(operatorFd, 1);
+  ASSERT_TRUE(Await(operatorFd, &response));
+  EXPECT_TRUE(response.ok());
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "platform/pbr_client.h"
 #include "tests/element/middleware/element_env.h"
 #include "tests/support/entry_builder.h"
+#include "tests/support/golden.h"
 
 namespace {
 
@@ -60,12 +61,6 @@ class MemoryBackendTest : public ::testing::Test, public pbr::PbrStatusItf {
   size_t awaited_ = 0;
 };
 
-void ExpectMatchesGolden(const std::string& actual, const std::string& name) {
-  std::string path = std::string(PBR_GOLDEN_DIR) + "/" + name;
-  if (std::getenv("PBR_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << actual;
-  EXPECT_EQ(actual, pbrtest::ElementEnv::Read(path)) << "golden file " << path;
-}
-
 TEST_F(MemoryBackendTest, StartsWithAnEmptyViewReplacingAnOldOne) {
   std::ofstream(StatePath()) << "stale";
   client_.reset(pbr::PbrClient::Build(mw_, nullptr));
@@ -92,7 +87,7 @@ TEST_F(MemoryBackendTest, ShowsTheRulesAndReportsEachChangeInOrderOnTheLoop) {
 
   AwaitReports(6);
   EXPECT_EQ(reports_, (std::vector<Report>{{3, 1}, {1, 1}, {3, 1}, {8, 1}, {1, 0}, {9, 0}}));
-  ExpectMatchesGolden(pbrtest::ElementEnv::Read(StatePath()), "memory_state.json");
+  pbrtest::ExpectGolden("memory_state.json", pbrtest::ElementEnv::Read(StatePath()));
 }
 
 TEST_F(MemoryBackendTest, RuleWithAnUnknownInterfaceIdFails) {

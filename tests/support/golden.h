@@ -12,7 +12,7 @@
 namespace pbrtest {
 
 inline std::string GoldenPath(const std::string& name) {
-  return std::string(PBR_CLI_GOLDEN_DIR) + "/" + name;
+  return std::string(PBR_GOLDEN_DIR) + "/" + name;
 }
 
 inline std::string ReadGolden(const std::string& name) {
