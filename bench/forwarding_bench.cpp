@@ -2,7 +2,8 @@
 // backends. Three namespaces: a source, the router and a sink, joined by veth pairs. The rules are
 // installed through the backend's client in the router; then one thread in the source sends small
 // UDP packets as fast as it can for a fixed time, from an address that matches the first rule,
-// the last rule or none, and the router's egress veth counts what it forwarded.
+// the last rule or none, and the router's egress veth counts what it forwarded. A variant puts a
+// rule without next hop just before the last one, for the packets whose best rule looks up main.
 //
 // A veth hands a packet to its peer in the sending CPU's softirq, so the source's stack, the
 // router's receive, classification, route lookup and forwarding, and the sink's drop all run on
@@ -54,11 +55,21 @@ std::string Output(const std::string& command) {
   return out;
 }
 
-// Rule i: priority i/2 (pairs share one, ordered by id), from 100.x.y.0/24, via the sink.
-pbr::Entry MakeRule(uint32_t i) {
+// The variant's rule without next hop: to 10.9.9.16/30, looking up main, which routes
+// 10.9.9.17 (to the sink) and not 10.9.9.18, so that those packets go on to the last rule.
+constexpr const char* kMainRouted = "10.9.9.17";
+constexpr const char* kMainUnrouted = "10.9.9.18";
+
+// Rule i: priority i/2 (pairs share one, ordered by id), from 100.x.y.0/24, via the sink; or
+// the variant's rule without next hop.
+pbr::Entry MakeRule(uint32_t i, bool without_hop = false) {
   pbr::Entry entry;
   entry.setId(static_cast<uint16_t>(i));
   entry.setPriority(i / 2);
+  if (without_hop) {
+    entry.setMatch(pbr::MatchDstIPv4(in_addr{htonl(0x0a090910u)}, in_addr{htonl(0xfffffffcu)}));
+    return entry;
+  }
   entry.setMatch(
       pbr::MatchSrcIPv4(in_addr{htonl((100u << 24) | (i << 8))}, in_addr{htonl(0xffffff00u)}));
   in_addr hop{};
@@ -113,6 +124,7 @@ class TestBed {
         a + "route add default via 10.0.1.1",
         r + "neigh replace " + kNextHop + " lladdr 02:00:00:00:00:99 dev rb nud permanent",
         r + "route add 10.9.9.9/32 via " + kNextHop,
+        r + "route add " + std::string(kMainRouted) + "/32 via " + kNextHop,
         r_exec + "sysctl -qw net.ipv4.ip_forward=1",
         r_exec + "sysctl -qw net.ipv4.conf.all.rp_filter=0",
         r_exec + "sysctl -qw net.ipv4.conf.ra.rp_filter=0"};
@@ -137,9 +149,10 @@ class TestBed {
         nullptr, 10);
   }
 
-  // Sends from `source` to 10.9.9.9 for `seconds` on a thread in the source namespace; returns
-  // the seconds it took and the packets the router forwarded in them.
-  std::pair<double, uint64_t> Blast(const std::string& source, double seconds) const {
+  // Sends from `source` to `destination` for `seconds` on a thread in the source namespace;
+  // returns the seconds it took and the packets the router forwarded in them.
+  std::pair<double, uint64_t> Blast(const std::string& source, const std::string& destination,
+                                    double seconds) const {
     uint64_t before = Forwarded();
     double elapsed = 0;
     std::thread sender([&] {
@@ -147,7 +160,7 @@ class TestBed {
       int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
       sockaddr_in from{AF_INET, 0, {}, {}}, to{AF_INET, htons(9), {}, {}};
       inet_pton(AF_INET, source.c_str(), &from.sin_addr);
-      inet_pton(AF_INET, "10.9.9.9", &to.sin_addr);
+      inet_pton(AF_INET, destination.c_str(), &to.sin_addr);
       if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
           connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
         if (fd >= 0) close(fd);
@@ -197,8 +210,17 @@ constexpr int kRounds = 5;
 // Cost per packet with no rules, per backend, for the ratios.
 std::map<int, double> baseline_ns;
 
+struct Kind {
+  const char* name;
+  std::string source;
+  std::string destination;
+};
+
+// `main_rule`: the variant, whose rule n - 2 has no next hop and whose packets (from the last
+// rule's source) have it as their best rule, with a route in main (`main`) or without one
+// (`through`: on to the last rule).
 template <typename Client>
-void Forward(benchmark::State& state, int backend) {
+void Forward(benchmark::State& state, int backend, bool main_rule = false) {
   auto n = static_cast<uint32_t>(state.range(0));
   double seconds = 1.0;
   if (const char* s = std::getenv("PBR_FWD_SECONDS")) seconds = std::atof(s);
@@ -222,7 +244,8 @@ void Forward(benchmark::State& state, int backend) {
       bool running = true;
       auto settle = vqmw::StartTimer(mw, std::chrono::milliseconds(50), [&] { running = false; });
       vqmw_loop_while_timeout(mw, &running, 0);
-      for (uint32_t i = 0; i < n; ++i) client.SetEntry(static_cast<uint16_t>(i), MakeRule(i));
+      for (uint32_t i = 0; i < n; ++i)
+        client.SetEntry(static_cast<uint16_t>(i), MakeRule(i, main_rule && i + 2 == n));
       if (n) vqmw_loop_while_timeout(mw, nullptr, 600000);
       running = true;
       auto attach = vqmw::StartTimer(mw, std::chrono::milliseconds(300), [&] { running = false; });
@@ -232,14 +255,18 @@ void Forward(benchmark::State& state, int backend) {
             ("installed " + std::to_string(counter.installed_) + " of " + std::to_string(n))
                 .c_str());
       } else {
-        const std::pair<const char*, std::string> kinds[] = {
-            {"first", SourceOf(0)}, {"last", SourceOf(last)}, {"none", kUnmatchedSource}};
+        std::vector<Kind> kinds = {{"first", SourceOf(0), "10.9.9.9"},
+                                   {"last", SourceOf(last), "10.9.9.9"},
+                                   {"none", kUnmatchedSource, "10.9.9.9"}};
+        if (main_rule)
+          kinds = {{"main", SourceOf(last), kMainRouted},
+                   {"through", SourceOf(last), kMainUnrouted}};
         double sum = 0;
-        for (const auto& [kind, source] : kinds) {
+        for (const auto& [kind, source, destination] : kinds) {
           // The best of five rounds: the one least disturbed by other work on the machine.
           double ns = 0;
           for (int round = 0; round < kRounds; ++round) {
-            auto [elapsed, forwarded] = bed.Blast(source, seconds / kRounds);
+            auto [elapsed, forwarded] = bed.Blast(source, destination, seconds / kRounds);
             if (forwarded == 0) continue;
             double round_ns = elapsed * 1e9 / static_cast<double>(forwarded);
             if (ns == 0 || round_ns < ns) ns = round_ns;
@@ -255,7 +282,7 @@ void Forward(benchmark::State& state, int backend) {
             state.counters[std::string(kind) + "/0rules"] = ns / baseline_ns[backend];
         }
         // With no rules the three kinds are the same packet: their mean is the baseline.
-        if (n == 0) baseline_ns[backend] = sum / 3;
+        if (n == 0) baseline_ns[backend] = sum / static_cast<double>(kinds.size());
       }
     }
     vqmw_finish(&mw);
@@ -267,6 +294,12 @@ void BM_ForwardKernel(benchmark::State& state) {
 }
 void BM_ForwardClassifier(benchmark::State& state) {
   Forward<ClassifierClient>(state, 1);
+}
+void BM_ForwardKernelMainRule(benchmark::State& state) {
+  Forward<KernelClient>(state, 0, true);
+}
+void BM_ForwardClassifierMainRule(benchmark::State& state) {
+  Forward<ClassifierClient>(state, 1, true);
 }
 
 BENCHMARK(BM_ForwardKernel)
@@ -282,6 +315,20 @@ BENCHMARK(BM_ForwardClassifier)
     ->Arg(0)
     ->Arg(1000)
     ->Arg(10000)
+    ->Arg(65536)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+// After the plain runs, whose no-rule figures are the baselines.
+BENCHMARK(BM_ForwardKernelMainRule)
+    ->ArgName("rules")
+    ->Arg(1000)
+    ->Arg(65536)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ForwardClassifierMainRule)
+    ->ArgName("rules")
+    ->Arg(1000)
     ->Arg(65536)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);

@@ -17,6 +17,8 @@ constexpr int kInfo = 40;
 constexpr int kWarn = 80;
 constexpr int kError = 100;
 
+static_assert(PBR_CLS_MAIN_MARK == kMainTable);
+
 uint32_t ShapeOf(const pbr_cls_key& key) {
   return uint32_t{key.has_iif} << 16 | uint32_t{key.src_len} << 8 | key.dst_len;
 }
@@ -27,6 +29,28 @@ uint32_t MaskOf(uint8_t len) {
 
 std::string Bytes(const pbr_cls_key& key) {
   return std::string(reinterpret_cast<const char*>(&key), sizeof key);
+}
+
+constexpr uint64_t kNoRank = ~uint64_t{0};
+
+// A key's entry in the datapath: its best rule, and its best rule with a next hop.
+template <typename Split>
+pbr_cls_value ValueOf(const Split& split) {
+  pbr_cls_value value{};
+  value.rank = value.hop_rank = kNoRank;
+  if (!split.hops.empty()) {
+    std::tie(value.hop_rank, std::ignore, value.hop_mark) = *split.hops.begin();
+    value.rank = value.hop_rank;
+    value.mark = value.hop_mark;
+  }
+  if (!split.main.empty() && std::get<0>(*split.main.begin()) < value.rank)
+    std::tie(value.rank, std::ignore, value.mark) = *split.main.begin();
+  return value;
+}
+
+bool Same(const pbr_cls_value& a, const pbr_cls_value& b) {
+  return a.rank == b.rank && a.mark == b.mark && a.hop_rank == b.hop_rank &&
+         a.hop_mark == b.hop_mark;
 }
 
 // The inner client's layout of a next hop: one FIB rule sending the hop's mark to its table.
@@ -380,13 +404,13 @@ void ClassifierClient::AttachAll() {
 bool ClassifierClient::Install(uint16_t id, const Placement& p) {
   for (size_t i = 0; i < p.keys.size(); ++i) {
     const pbr_cls_key& key = p.keys[i];
-    auto& set = candidates_[Bytes(key)];
-    auto best = set.empty() ? std::optional<Candidate>() : *set.begin();
-    set.insert({p.rank, id, p.mark});
-    shape_ranks_[ShapeOf(key)].insert(p.rank);
+    auto& split = candidates_[Bytes(key)];
+    auto before = ValueOf(split);
+    split.For(p.mark).insert({p.rank, id, p.mark});
+    shape_ranks_[ShapeOf(key)].For(p.mark).insert(p.rank);
     shapes_dirty_ = true;
-    if (best == *set.begin()) continue;
-    if (WriteKey(key) != 0) {
+    if (Same(before, ValueOf(split))) continue;
+    if (datapath_.SetKey(key, ValueOf(split)) != 0) {
       // Undo this placement's keys so far, this one included.
       Placement done{p.rank, p.mark, {p.keys.begin(), p.keys.begin() + static_cast<long>(i) + 1}};
       Uninstall(id, done);
@@ -400,28 +424,21 @@ void ClassifierClient::Uninstall(uint16_t id, const Placement& p) {
   for (const pbr_cls_key& key : p.keys) {
     auto it = candidates_.find(Bytes(key));
     if (it == candidates_.end()) continue;
-    auto& set = it->second;
-    Candidate best = *set.begin();
-    if (!set.erase({p.rank, id, p.mark})) continue;
+    auto& split = it->second;
+    auto before = ValueOf(split);
+    if (!split.For(p.mark).erase({p.rank, id, p.mark})) continue;
     auto shape = shape_ranks_.find(ShapeOf(key));
-    shape->second.erase(shape->second.find(p.rank));
-    if (shape->second.empty()) shape_ranks_.erase(shape);
+    auto& ranks = shape->second.For(p.mark);
+    ranks.erase(ranks.find(p.rank));
+    if (shape->second.main.empty() && shape->second.hops.empty()) shape_ranks_.erase(shape);
     shapes_dirty_ = true;
-    if (set.empty()) {
+    if (split.main.empty() && split.hops.empty()) {
       candidates_.erase(it);
       datapath_.DeleteKey(key);
-    } else if (best != *set.begin()) {
-      WriteKey(key);
+    } else if (!Same(before, ValueOf(split))) {
+      datapath_.SetKey(key, ValueOf(split));
     }
   }
-}
-
-int ClassifierClient::WriteKey(const pbr_cls_key& key) {
-  const Candidate& best = *candidates_[Bytes(key)].begin();
-  pbr_cls_value value{};
-  value.rank = std::get<0>(best);
-  value.mark = std::get<2>(best);
-  return datapath_.SetKey(key, value);
 }
 
 void ClassifierClient::Publish() {
@@ -429,7 +446,9 @@ void ClassifierClient::Publish() {
   std::vector<pbr_cls_shape> shapes;
   for (const auto& [code, ranks] : shape_ranks_) {
     pbr_cls_shape shape{};
-    shape.min_rank = *ranks.begin();
+    shape.min_hop_rank = ranks.hops.empty() ? kNoRank : *ranks.hops.begin();
+    shape.min_rank =
+        std::min<uint64_t>(ranks.main.empty() ? kNoRank : *ranks.main.begin(), shape.min_hop_rank);
     shape.has_iif = static_cast<uint8_t>(code >> 16);
     shape.src_len = static_cast<uint8_t>(code >> 8);
     shape.dst_len = static_cast<uint8_t>(code);

@@ -107,7 +107,6 @@ class ClassifierClient final : public PbrClient, private PbrStatusItf {
   // The classifier's candidate sets: every installed rule in every key it has.
   bool Install(uint16_t id, const Placement& p);
   void Uninstall(uint16_t id, const Placement& p);
-  int WriteKey(const pbr_cls_key& key);
   void Publish();
 
   vqmw_t* mw_;
@@ -142,8 +141,16 @@ class ClassifierClient final : public PbrClient, private PbrStatusItf {
 
   using KeyBytes = std::string;  // a pbr_cls_key's bytes, for ordered containers
   using Candidate = std::tuple<uint64_t, uint16_t, uint32_t>;  // rank, rule id, mark
-  std::map<KeyBytes, std::set<Candidate>> candidates_;
-  std::map<uint32_t, std::multiset<uint64_t>> shape_ranks_;  // by shape (has_iif, lengths)
+  // Rules that look up main and rules with a next hop, apart: the datapath needs the best of
+  // each (classifier_maps.h).
+  template <typename Set>
+  struct Split {
+    Set main;
+    Set hops;
+    Set& For(uint32_t mark) { return mark == kMainTable ? main : hops; }
+  };
+  std::map<KeyBytes, Split<std::set<Candidate>>> candidates_;
+  std::map<uint32_t, Split<std::multiset<uint64_t>>> shape_ranks_;  // by shape (has_iif, lengths)
 };
 
 }  // namespace pbr::element

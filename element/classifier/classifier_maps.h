@@ -27,14 +27,21 @@ struct pbr_cls_key {
   __u32 dst;  /* masked to dst_len */
 };
 
+/* A rule without next hop looks up main, and when main has no route for the packet the FIB
+ * rules go on to the later rules; those that look up main fail alike, so the next candidate is
+ * the best rule with a next hop. Each key keeps both. */
+#define PBR_CLS_MAIN_MARK 254
+
 struct pbr_cls_value {
-  __u64 rank; /* (priority << 16) | rule id: lower wins, as the FIB rules order them */
-  __u32 mark; /* the packet mark that selects the rule's table */
-  __u32 pad;
+  __u64 rank;     /* (priority << 16) | rule id: lower wins, as the FIB rules order them */
+  __u64 hop_rank; /* the best rank among the key's rules with a next hop; ~0 without any */
+  __u32 mark;     /* the packet mark that selects the rule's table */
+  __u32 hop_mark; /* the mark of the rule of hop_rank */
 };
 
 struct pbr_cls_shape {
-  __u64 min_rank; /* the best rank of any key of this shape; ~0 ends the list */
+  __u64 min_rank;     /* the best rank of any key of this shape; ~0 ends the list */
+  __u64 min_hop_rank; /* the best hop_rank of any key of this shape; ~0 without any */
   __u32 src_mask;
   __u32 dst_mask;
   __u8 has_iif;
