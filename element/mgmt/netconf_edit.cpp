@@ -1,8 +1,7 @@
 #include "element/mgmt/netconf_edit.h"
 
 #include <cstring>
-
-#include "element/mgmt/data_path.h"
+#include <vector>
 
 namespace pbr::mgmt {
 namespace {
@@ -237,33 +236,6 @@ bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std
   lyd_free_siblings(tree);
   xpath->clear();
   for (const std::string& p : paths) *xpath += (xpath->empty() ? "" : " | ") + p;
-  return true;
-}
-
-bool ApplyChangeLines(const lys_module* module, const std::vector<ChangeLine>& lines,
-                      lyd_node** tree, std::string* error) {
-  for (const ChangeLine& line : lines) {
-    DataPath path;
-    if (!ParseDataPath(module, line.path, &path, error)) return false;
-    if (!line.set) {
-      lyd_node* node = nullptr;
-      if (*tree && lyd_find_path(*tree, path.path.c_str(), 0, &node) == LY_SUCCESS) {
-        Remove(tree, node);
-      }
-      continue;
-    }
-    lyd_node* created = nullptr;
-    const char* value = line.hasValue ? line.value.c_str() : nullptr;
-    if (lyd_new_path(*tree, module->ctx, path.path.c_str(), value, LYD_NEW_PATH_UPDATE, &created) !=
-        LY_SUCCESS) {
-      *error = "cannot apply " + line.path;
-      return false;
-    }
-    if (!*tree && created) {
-      while (lyd_parent(created)) created = lyd_parent(created);
-      *tree = lyd_first_sibling(created);
-    }
-  }
   return true;
 }
 
