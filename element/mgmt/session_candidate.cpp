@@ -136,7 +136,11 @@ bool SessionCandidate::SetEntries(const std::string& json, const std::vector<std
       const std::string path = where ? where : "";
       free(where);
       Touch(path);
-      if (lyd_node* old = FindIn(work_, path)) lyd_free_tree(old);
+      lyd_node* old = nullptr;
+      if (lyd_child(container) &&
+          lyd_find_sibling_first(lyd_child(container), entry, &old) == LY_SUCCESS) {
+        lyd_free_tree(old);
+      }
       lyd_unlink_tree(entry);
       lyd_insert_child(container, entry);
     }
@@ -170,13 +174,20 @@ std::vector<std::string> SessionCandidate::Conflicts() const {
 }
 
 std::unique_ptr<Candidate> SessionCandidate::Prepare(CommitError* error) const {
+  // The work copy holds only touched entries: one copy of it, and the touched entries it lacks
+  // are the deleted ones (none when it holds as many as were touched).
   lyd_node* tree = nullptr;
+  size_t held = 0;
+  if (work_) {
+    lyd_dup_siblings(work_, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, &tree);
+    for (const lyd_node* top = work_; top; top = top->next) {
+      for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) ++held;
+    }
+  }
   std::vector<std::string> deleted;
-  for (const std::string& path : touched_) {
-    if (const lyd_node* work = FindIn(work_, path)) {
-      CopyInto(&tree, work);
-    } else {
-      deleted.push_back(path);
+  if (held != touched_.size()) {
+    for (const std::string& path : touched_) {
+      if (!FindIn(work_, path)) deleted.push_back(path);
     }
   }
   return store_->PrepareEntries(tree, deleted, error);
