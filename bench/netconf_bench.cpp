@@ -5,6 +5,7 @@
 //   one_ms          a one-rule edit-config of the candidate, then commit (median of 7)
 //   one_running_ms  a one-rule edit-config of running (median of 7)
 //   get_ms          <get> of the whole view: the configuration merged with pbr-status
+//   get_wire_ms     the same read as bytes, without parsing: the server's share
 //   get_config_ms   <get-config> of running
 //   mgmtd_peak_mib  the server's peak resident memory
 // The times include the client's own work (libnetconf2 printing the request, parsing the reply).
@@ -15,6 +16,9 @@
 #include <libnetconf2/netconf.h>
 #include <libnetconf2/session_client.h>
 #include <libyang/libyang.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -55,7 +59,10 @@ class Client {
                               "validate",
                               "xpath",
                               nullptr};
+    const char* all[] = {"*", nullptr};
     if (!ly_ctx_load_module(ctx_, "ietf-netconf", nullptr, features) ||
+        !ly_ctx_load_module(ctx_, "ietf-netconf-with-defaults", nullptr, all) ||
+        !ly_ctx_load_module(ctx_, "ietf-netconf-monitoring", nullptr, all) ||
         !ly_ctx_load_module(ctx_, "pbr", nullptr, nullptr)) {
       return;
     }
@@ -94,6 +101,46 @@ class Client {
   ly_ctx* ctx_ = nullptr;
   nc_session* session_ = nullptr;
 };
+
+// <get> over a raw NETCONF 1.1 session, reading the reply's bytes to its end marker: the time
+// the server takes to answer, without a client parsing the reply.
+double RawGetMs(const std::string& socketPath) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, socketPath.c_str(), sizeof addr.sun_path - 1);
+  if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    if (fd >= 0) ::close(fd);
+    return -1;
+  }
+  auto send = [&](const std::string& text) {
+    return ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  };
+  std::string in;
+  auto readUntil = [&](const std::string& end) {
+    char buffer[1 << 16];
+    while (in.size() < end.size() || in.compare(in.size() - end.size(), end.size(), end) != 0) {
+      const ssize_t n = ::read(fd, buffer, sizeof buffer);
+      if (n <= 0) return false;
+      in.append(buffer, static_cast<size_t>(n));
+    }
+    return true;
+  };
+  const std::string rpc =
+      "<rpc message-id=\"1\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><get/></rpc>";
+  bool ok =
+      send(
+          "<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities><capability>"
+          "urn:ietf:params:netconf:base:1.1</capability></capabilities></hello>]]>]]>") &&
+      readUntil("]]>]]>");
+  in.clear();
+  const auto start = Clock::now();
+  ok =
+      ok && send("\n#" + std::to_string(rpc.size()) + "\n" + rpc + "\n##\n") && readUntil("\n##\n");
+  const double ms = Ms(Clock::now() - start);
+  ::close(fd);
+  return ok && in.find("rpc-error") == std::string::npos ? ms : -1;
+}
 
 template <typename F>
 double Timed(F call) {
@@ -140,11 +187,12 @@ void NetconfEndToEnd(benchmark::State& state) {
     }
     const double get =
         Timed([&] { return client.Call(nc_rpc_get(nullptr, NC_WD_UNKNOWN, NC_PARAMTYPE_CONST)); });
+    const double getWire = RawGetMs(element.RuntimeDir() + "/netconf.sock");
     const double getConfig = Timed([&] {
       return client.Call(
           nc_rpc_getconfig(NC_DATASTORE_RUNNING, nullptr, NC_WD_UNKNOWN, NC_PARAMTYPE_CONST));
     });
-    if (Median(one) < 0 || Median(oneRunning) < 0 || get < 0 || getConfig < 0) {
+    if (Median(one) < 0 || Median(oneRunning) < 0 || get < 0 || getWire < 0 || getConfig < 0) {
       return state.SkipWithError("a NETCONF request failed");
     }
 
@@ -155,6 +203,7 @@ void NetconfEndToEnd(benchmark::State& state) {
     state.counters["one_ms"] = Median(one);
     state.counters["one_running_ms"] = Median(oneRunning);
     state.counters["get_ms"] = get;
+    state.counters["get_wire_ms"] = getWire;
     state.counters["get_config_ms"] = getConfig;
     state.counters["mgmtd_peak_mib"] = MemoryMib(element.mgmtd(), "VmHWM");
   }
