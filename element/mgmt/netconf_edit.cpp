@@ -35,6 +35,15 @@ void StripOperations(lyd_node* tree) {
   }
 }
 
+bool HasOperations(const lyd_node* tree) {
+  const lyd_node* node;
+  LYD_TREE_DFS_BEGIN(tree, node) {
+    if (lyd_find_meta(node->meta, nullptr, "ietf-netconf:operation")) return true;
+    LYD_TREE_DFS_END(tree, node);
+  }
+  return false;
+}
+
 // `parent` null: the node goes among the top-level siblings `*top`.
 void Insert(lyd_node* parent, lyd_node** top, lyd_node* node) {
   StripOperations(node);
@@ -98,6 +107,10 @@ bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_nod
     } else if (edit->schema->nodetype == LYS_LEAF) {
       lyd_change_term(match, lyd_get_value(edit));
     }
+    return true;
+  }
+  if (!match && op == EditOp::kMerge && !HasOperations(edit)) {
+    Insert(parent, top, copy(LYD_DUP_RECURSIVE));  // merged into nothing: the subtree as it is
     return true;
   }
   if (!match) {
