@@ -291,6 +291,40 @@ std::unique_ptr<Candidate> Datastore::PrepareEntries(lyd_node* tree,
   return candidate;
 }
 
+bool Datastore::ParseEntries(const std::string& json, lyd_node** tree, CommitError* error) const {
+  ly_err_clean(ctx_, nullptr);
+  *tree = nullptr;
+  if (lyd_parse_data_mem(ctx_, json.c_str(), LYD_JSON,
+                         LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0,
+                         tree) != LY_SUCCESS) {
+    *error = ParseError();
+    lyd_free_siblings(*tree);
+    *tree = nullptr;
+    return false;
+  }
+  for (lyd_node* top = *tree; top; top = top->next) {
+    for (lyd_node* child = lyd_child(top); child; child = child->next) {
+      if (IsUnitList(child->schema)) continue;
+      char* path = lyd_path(child, LYD_PATH_STD, nullptr, 0);
+      *error = {"only list entries can be set here", path ? path : ""};
+      free(path);
+      lyd_free_siblings(*tree);
+      *tree = nullptr;
+      return false;
+    }
+  }
+  return true;
+}
+
+bool Datastore::ValidateEntries(lyd_node** tree, CommitError* error) const {
+  ly_err_clean(ctx_, nullptr);
+  if (*tree && lyd_validate_all(tree, ctx_, LYD_VALIDATE_PRESENT, nullptr) != LY_SUCCESS) {
+    *error = ValidationError(*tree);
+    return false;
+  }
+  return FitsBytes(*tree, error);
+}
+
 lyd_node* Datastore::Find(const std::string& path) const {
   lyd_node* match = nullptr;
   if (!running_ || lyd_find_path(running_, path.c_str(), 0, &match) != LY_SUCCESS) return nullptr;
@@ -609,6 +643,16 @@ std::vector<const lyd_node*> Datastore::Entries(const lysc_node* list) const {
 
 std::string Datastore::AttachMessage(uint64_t seq, size_t headroom) const {
   return SnapshotWriter(running_, index_).AttachMessage(seq, headroom);
+}
+
+lyd_node* Datastore::CopyRunning() const {
+  lyd_node* copy = nullptr;
+  if (running_) lyd_dup_siblings(running_, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, &copy);
+  return copy;
+}
+
+std::string Datastore::RunningXml() const {
+  return PrintXml(running_);
 }
 
 std::string Datastore::RunningJson(bool compact) const {

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <vector>
 
-#include "element/mgmt/data_path.h"
 #include "element/mgmt/byte_limits.h"
+#include "element/mgmt/data_path.h"
 #include "element/mgmt/diff.h"
 #include "element/mgmt/entry_key.h"
 #include "element/mgmt/journal.pb.h"
@@ -82,6 +82,12 @@ class Datastore {
   std::unique_ptr<Candidate> PrepareEntries(lyd_node* tree, const std::vector<std::string>& deleted,
                                             CommitError* error);
 
+  // Parses a document of list entries below top-level containers (SetEntries), without
+  // validating it; refused when it holds anything else.
+  bool ParseEntries(const std::string& json, lyd_node** tree, CommitError* error) const;
+  // Validates a tree of list entries on its own, as a partial commit does.
+  bool ValidateEntries(lyd_node** tree, CommitError* error) const;
+
   // Calls `visit` with the running and the new version (either may be null) of every list entry
   // the candidate changes, in key order for partial candidates.
   void ForEachChange(const Candidate& candidate,
@@ -105,8 +111,11 @@ class Datastore {
   // The running configuration as the ServerMessage (encoded) of an AttachReply with sequence
   // number `seq`, lists in key order, after `headroom` bytes left for the caller.
   std::string AttachMessage(uint64_t seq, size_t headroom = 0) const;
+  // A copy of the whole running configuration, owned by the caller.
+  lyd_node* CopyRunning() const;
   // The running configuration as RFC 7951 JSON; `compact`: without indentation and newlines.
   std::string RunningJson(bool compact = false) const;
+  std::string RunningXml() const;
 
   // The running entries of a list directly below a top-level container, in key order.
   std::vector<const lyd_node*> Entries(const lysc_node* list) const;

@@ -14,4 +14,13 @@ std::string PrintJson(const lyd_node* tree, bool compact) {
   return out;
 }
 
+std::string PrintXml(const lyd_node* tree) {
+  if (!tree) return {};
+  char* text = nullptr;
+  lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
+  std::string out = text ? text : "";
+  std::free(text);
+  return out;
+}
+
 }  // namespace pbr::mgmt

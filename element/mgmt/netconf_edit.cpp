@@ -1,8 +1,7 @@
 #include "element/mgmt/netconf_edit.h"
 
 #include <cstring>
-
-#include "element/mgmt/data_path.h"
+#include <vector>
 
 namespace pbr::mgmt {
 namespace {
@@ -34,6 +33,15 @@ void StripOperations(lyd_node* tree) {
     }
     LYD_TREE_DFS_END(tree, node);
   }
+}
+
+bool HasOperations(const lyd_node* tree) {
+  const lyd_node* node;
+  LYD_TREE_DFS_BEGIN(tree, node) {
+    if (lyd_find_meta(node->meta, nullptr, "ietf-netconf:operation")) return true;
+    LYD_TREE_DFS_END(tree, node);
+  }
+  return false;
 }
 
 // `parent` null: the node goes among the top-level siblings `*top`.
@@ -99,6 +107,10 @@ bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_nod
     } else if (edit->schema->nodetype == LYS_LEAF) {
       lyd_change_term(match, lyd_get_value(edit));
     }
+    return true;
+  }
+  if (!match && op == EditOp::kMerge && !HasOperations(edit)) {
+    Insert(parent, top, copy(LYD_DUP_RECURSIVE));  // merged into nothing: the subtree as it is
     return true;
   }
   if (!match) {
@@ -237,33 +249,6 @@ bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std
   lyd_free_siblings(tree);
   xpath->clear();
   for (const std::string& p : paths) *xpath += (xpath->empty() ? "" : " | ") + p;
-  return true;
-}
-
-bool ApplyChangeLines(const lys_module* module, const std::vector<ChangeLine>& lines,
-                      lyd_node** tree, std::string* error) {
-  for (const ChangeLine& line : lines) {
-    DataPath path;
-    if (!ParseDataPath(module, line.path, &path, error)) return false;
-    if (!line.set) {
-      lyd_node* node = nullptr;
-      if (*tree && lyd_find_path(*tree, path.path.c_str(), 0, &node) == LY_SUCCESS) {
-        Remove(tree, node);
-      }
-      continue;
-    }
-    lyd_node* created = nullptr;
-    const char* value = line.hasValue ? line.value.c_str() : nullptr;
-    if (lyd_new_path(*tree, module->ctx, path.path.c_str(), value, LYD_NEW_PATH_UPDATE, &created) !=
-        LY_SUCCESS) {
-      *error = "cannot apply " + line.path;
-      return false;
-    }
-    if (!*tree && created) {
-      while (lyd_parent(created)) created = lyd_parent(created);
-      *tree = lyd_first_sibling(created);
-    }
-  }
   return true;
 }
 

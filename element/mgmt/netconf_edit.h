@@ -1,15 +1,11 @@
 // The datastore side of NETCONF's operations, on libyang trees: edit-config's operations
-// (RFC 6241 7.2), subtree filters as XPath, validation with the refusal's tag and path, and the
-// candidate seen as the running configuration plus a session's changes.
+// (RFC 6241 7.2), subtree filters as XPath, and validation with the refusal's tag and path.
 #pragma once
 
 #include <libnetconf2/messages_server.h>
 #include <libyang/libyang.h>
 
 #include <string>
-#include <vector>
-
-#include "element/mgmt/change_text.h"
 
 namespace pbr::mgmt {
 
@@ -35,9 +31,5 @@ bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error);
 
 // The XPath that selects what a subtree filter does; empty for an empty filter.
 bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error);
-
-// Applies set and delete lines (keypaths) to `*tree`.
-bool ApplyChangeLines(const lys_module* module, const std::vector<ChangeLine>& lines,
-                      lyd_node** tree, std::string* error);
 
 }  // namespace pbr::mgmt

@@ -15,14 +15,13 @@
 #include <list>
 #include <map>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <thread>
 
-#include "element/mgmt/change_text.h"
 #include "element/mgmt/data_path.h"
 #include "element/mgmt/netconf_bridge.h"
 #include "element/mgmt/netconf_edit.h"
+#include "element/mgmt/netconf_entries.h"
 #include "element/mgmt/server.h"
 #include "element/middleware/log.h"
 #include "element/yang/module.h"
@@ -192,14 +191,19 @@ struct NetconfServer::Impl {
   bool Call(SessionState& state, ClientMessage request, Response* response, nc_server_reply** reply,
             NC_ERR refusalTag = NC_ERR_OP_FAILED);
   nc_server_reply* Refusal(const Error& error, NC_ERR tag);
-  // The configuration of "running" or "candidate" (this session's view of it) as a tree.
+  // The configuration of "running" or "candidate" (this session's view of it) as a tree; with
+  // `entries`, only the list entries they name (keypaths).
   bool Config(SessionState& state, const std::string& which, lyd_node** tree,
-              nc_server_reply** reply);
-  // Makes `target` hold `next`, given that it holds `current` now.
+              nc_server_reply** reply, const std::vector<std::string>* entries = nullptr);
+  // Makes `target` hold `next`, given that it holds `current` now (whole configurations or the
+  // same list entries of both); `validate`: a candidate's entries are validated now.
   nc_server_reply* Store(SessionState& state, const std::string& target, const lyd_node* current,
-                         const lyd_node* next);
+                         const lyd_node* next, bool validate = true);
 
   nc_server_reply* GetConfig(SessionState& state, lyd_node* rpc, bool withState);
+  // get or get-config of everything, without a filter or defaults to add.
+  nc_server_reply* WholeView(SessionState& state, lyd_node* rpc, const std::string& source,
+                             bool withState);
   nc_server_reply* EditConfig(SessionState& state, lyd_node* rpc);
   nc_server_reply* CopyConfig(SessionState& state, lyd_node* rpc);
   nc_server_reply* Lock(SessionState& state, lyd_node* rpc, bool unlock);
@@ -459,57 +463,83 @@ nc_server_reply* NetconfServer::Impl::Refusal(const Error& error, NC_ERR tag) {
 }
 
 bool NetconfServer::Impl::Config(SessionState& state, const std::string& which, lyd_node** tree,
-                                 nc_server_reply** reply) {
+                                 nc_server_reply** reply, const std::vector<std::string>* entries) {
   ClientMessage get;
-  get.mutable_get_running();
+  get.mutable_get_running()->set_candidate(which == "candidate");
+  if (entries) {
+    if (entries->empty()) return true;  // nothing to read
+    *get.mutable_get_running()->mutable_select()->mutable_entry() = {entries->begin(),
+                                                                     entries->end()};
+  }
   Response response;
   if (!Call(state, get, &response, reply)) return false;
   if (lyd_parse_data_mem(ctx, response.data().c_str(), LYD_JSON, LYD_PARSE_ONLY | LYD_PARSE_STRICT,
                          0, tree) != LY_SUCCESS) {
-    *reply = RpcError(ctx, NC_ERR_OP_FAILED, "cannot read the running configuration");
-    return false;
-  }
-  if (which != "candidate") return true;
-  // The candidate is the running configuration with this session's edits.
-  ClientMessage show;
-  show.mutable_candidate()->set_kind(CandidateRequest::SHOW);
-  if (!Call(state, show, &response, reply)) return false;
-  const nlohmann::json changes = nlohmann::json::parse(response.data(), nullptr, false);
-  if (!changes.is_object() || !changes.contains("changes")) return true;
-  std::vector<ChangeLine> lines;
-  for (const auto& c : changes["changes"]) {
-    ChangeLine line;
-    line.set = c.value("op", "") == "set";
-    line.path = c.value("path", "");
-    line.hasValue = c.contains("value");
-    line.value = c.value("value", "");
-    lines.push_back(std::move(line));
-  }
-  std::string why;
-  if (!ApplyChangeLines(module, lines, tree, &why)) {
-    *reply = RpcError(ctx, NC_ERR_OP_FAILED, "cannot read the candidate: " + why);
+    *reply = RpcError(ctx, NC_ERR_OP_FAILED, "cannot read the " + which + " configuration");
     return false;
   }
   return true;
 }
 
 nc_server_reply* NetconfServer::Impl::Store(SessionState& state, const std::string& target,
-                                            const lyd_node* current, const lyd_node* next) {
-  const std::vector<ChangeLine> lines = TreeChanges(current, next);
-  if (lines.empty()) return nc_server_reply_ok();
+                                            const lyd_node* current, const lyd_node* next,
+                                            bool validate) {
+  EntryUpdate changes = ChangedEntries(current, next);
+  if (changes.empty()) return nc_server_reply_ok();
   ClientMessage request;
-  auto* ops = target == "candidate" ? request.mutable_candidate_edit()->mutable_operation()
-                                    : request.mutable_edit()->mutable_operation();
-  for (const ChangeLine& line : lines) {
-    EditOperation* op = ops->Add();
-    op->set_kind(line.set ? EditOperation::SET : EditOperation::DELETE);
-    op->set_path(line.path);
-    if (line.hasValue) op->set_value(line.value);
-  }
+  SetEntries* set = request.mutable_set_entries();
+  set->set_json(std::move(changes.json));
+  *set->mutable_deleted() = {changes.deleted.begin(), changes.deleted.end()};
+  set->set_candidate(target == "candidate");
+  set->set_validate(validate);
   Response response;
   nc_server_reply* reply = nullptr;
   if (!Call(state, std::move(request), &response, &reply, NC_ERR_INVALID_VALUE)) return reply;
   return nc_server_reply_ok();
+}
+
+namespace {
+
+// The top-level nodes of two XML documents that libyang printed without whitespace, as one:
+// the container both start with becomes one.
+std::string JoinXml(std::string first, const std::string& second) {
+  if (first.empty()) return second;
+  if (second.empty()) return first;
+  const size_t open = second.find('>');
+  const size_t nameEnd = second.find_first_of(" />");
+  if (open == std::string::npos || second[open - 1] == '/') return first + second;
+  const std::string close = "</" + second.substr(1, nameEnd - 1) + ">";
+  if (first.compare(0, open + 1, second, 0, open + 1) != 0 || !first.ends_with(close)) {
+    return first + second;
+  }
+  first.resize(first.size() - close.size());
+  first.append(second, open + 1);
+  return first;
+}
+
+}  // namespace
+
+nc_server_reply* NetconfServer::Impl::WholeView(SessionState& state, lyd_node* rpc,
+                                                const std::string& source, bool withState) {
+  ClientMessage get;
+  get.mutable_get_running()->set_candidate(source == "candidate");
+  get.mutable_get_running()->set_xml(true);
+  Response response;
+  nc_server_reply* reply = nullptr;
+  if (!Call(state, get, &response, &reply)) return reply;
+  std::string xml = std::move(*response.mutable_data());
+  if (withState) {
+    ClientMessage view;
+    view.mutable_get_operational()->set_xml(true);
+    std::string why;
+    // Without a daemon serving the view, get answers with the configuration alone.
+    if (!state.bridge->Call(view, &response, &why)) return RpcError(ctx, NC_ERR_OP_FAILED, why);
+    if (response.ok()) xml = JoinXml(std::move(xml), response.data());
+  }
+  lyd_node* output = nullptr;
+  lyd_dup_single(rpc, nullptr, 0, &output);
+  lyd_new_any(output, nullptr, "data", xml.c_str(), 0, LYD_ANYDATA_XML, 1, nullptr);
+  return nc_server_reply_data(output, NC_WD_EXPLICIT, NC_PARAMTYPE_FREE);
 }
 
 nc_server_reply* NetconfServer::Impl::GetConfig(SessionState& state, lyd_node* rpc,
@@ -517,6 +547,11 @@ nc_server_reply* NetconfServer::Impl::GetConfig(SessionState& state, lyd_node* r
   const std::string source = withState ? "running" : DatastoreOf(rpc, "source");
   if (source != "running" && source != "candidate") {
     return RpcError(ctx, NC_ERR_OP_NOT_SUPPORTED, "no datastore " + source);
+  }
+  // Everything, as stored: the server's XML goes out as it is, without a tree in between.
+  const NC_WD_MODE mode = WithDefaults(rpc);
+  if (!Child(rpc, "filter") && mode != NC_WD_ALL && mode != NC_WD_ALL_TAG) {
+    return WholeView(state, rpc, source, withState);
   }
   TreeOwner tree;
   nc_server_reply* reply = nullptr;
@@ -556,15 +591,18 @@ nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* 
   const std::string defaultOp = def ? lyd_get_value(def) : "merge";
   const std::string testOption = test ? lyd_get_value(test) : "test-then-set";
 
-  TreeOwner current;
-  nc_server_reply* reply = nullptr;
-  if (!Config(state, target, &current.tree, &reply)) return reply;
   TreeOwner edit;
   std::string why;
   std::string where;
   if (!ParseConfigContent(ctx, config, /*edit=*/true, &edit.tree, &why, &where)) {
     return RpcError(ctx, NC_ERR_INVALID_VALUE, why, where);
   }
+  // The entries the edit names are all it reads and changes, unless it covers everything.
+  std::vector<std::string> entries;
+  const bool whole = defaultOp == "replace" || !EditedEntries(edit.tree, &entries);
+  TreeOwner current;
+  nc_server_reply* reply = nullptr;
+  if (!Config(state, target, &current.tree, &reply, whole ? nullptr : &entries)) return reply;
   TreeOwner next;
   if (defaultOp != "replace" && current.tree) {
     lyd_dup_siblings(current.tree, nullptr, LYD_DUP_RECURSIVE, &next.tree);
@@ -574,11 +612,14 @@ nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* 
                  &failure)) {
     return RpcError(ctx, failure.tag, failure.message, failure.path);
   }
-  if (testOption != "set" && !ValidateConfig(ctx, &next.tree, &failure)) {
-    return RpcError(ctx, failure.tag, failure.message, failure.path);
+  // The server validates what it stores; test-only stops here.
+  if (testOption == "test-only") {
+    if (!ValidateConfig(ctx, &next.tree, &failure)) {
+      return RpcError(ctx, failure.tag, failure.message, failure.path);
+    }
+    return nc_server_reply_ok();
   }
-  if (testOption == "test-only") return nc_server_reply_ok();
-  return Store(state, target, current.tree, next.tree);
+  return Store(state, target, current.tree, next.tree, testOption != "set");
 }
 
 nc_server_reply* NetconfServer::Impl::CopyConfig(SessionState& state, lyd_node* rpc) {

@@ -117,4 +117,8 @@ std::string OperationalView::Json() const {
   return PrintJson(tree_);
 }
 
+std::string OperationalView::Xml() const {
+  return PrintXml(tree_);
+}
+
 }  // namespace pbr::mgmt

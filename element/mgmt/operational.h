@@ -28,6 +28,7 @@ class OperationalView {
   void AddRuleLeaf(lyd_node* entry, const char* leaf, const std::string& value);
 
   std::string Json() const;
+  std::string Xml() const;
 
  private:
   ly_ctx* ctx_;

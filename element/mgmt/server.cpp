@@ -161,6 +161,7 @@ struct Server::Impl {
     uint64_t provider;
     std::vector<Value> keys;
     std::unique_ptr<OperationalView> view;
+    bool xml = false;
     int outstanding = 0;
     std::string errors;
     std::vector<lyd_node*> entries;    // by key index; null when left out
@@ -276,6 +277,8 @@ struct Server::Impl {
   void HandleCandidate(Session& session, uint64_t request, const CandidateRequest& req);
   void HandleCandidateEdit(Session& session, uint64_t request, const CandidateEdit& edit);
   void HandleLock(Session& session, uint64_t request, const LockRequest& lock);
+  void HandleGetRunning(Session& session, uint64_t request, const GetRunning& get);
+  void HandleSetEntries(Session& session, uint64_t request, const SetEntries& set);
   void HandleGetCommits(Session& session, uint64_t request, const GetCommits& get);
   void HandleRollback(Session& session, uint64_t request, const Rollback& rollback);
   // The refusal when another session holds `lock`; empty when the session may go on.
@@ -743,7 +746,10 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
       HandleRollback(session, request, message.rollback());
       return;
     case ClientMessage::kGetRunning:
-      Respond(session, request, nullptr, store->RunningJson());
+      HandleGetRunning(session, request, message.get_running());
+      return;
+    case ClientMessage::kSetEntries:
+      HandleSetEntries(session, request, message.set_entries());
       return;
     case ClientMessage::kGetOperational:
       HandleGetOperational(session, request, message.get_operational());
@@ -964,6 +970,94 @@ void Server::Impl::HandleCandidateEdit(Session& session, uint64_t request,
     return;
   }
   Respond(session, request, nullptr);
+}
+
+void Server::Impl::HandleGetRunning(Session& session, uint64_t request, const GetRunning& get) {
+  const SessionCandidate* candidate =
+      get.candidate() && session.candidate && !session.candidate->empty() ? session.candidate.get()
+                                                                          : nullptr;
+  if (!get.has_select() && !candidate) {
+    Respond(session, request, nullptr, get.xml() ? store->RunningXml() : store->RunningJson());
+    return;
+  }
+  TreeOwner tree;
+  if (!get.has_select()) {
+    // The whole candidate view: the running configuration with the touched entries replaced.
+    tree.tree = store->CopyRunning();
+    for (const std::string& path : candidate->Touched()) {
+      lyd_node* old = nullptr;
+      if (tree.tree && lyd_find_path(tree.tree, path.c_str(), 0, &old) == LY_SUCCESS) {
+        lyd_free_tree(old);
+      }
+      bool touched = false;
+      if (const lyd_node* entry = candidate->Entry(path, &touched)) CopyEntry(&tree.tree, entry);
+    }
+    Respond(session, request, nullptr, get.xml() ? PrintXml(tree.tree) : PrintJson(tree.tree));
+    return;
+  }
+  for (const std::string& keypath : get.select().entry()) {
+    DataPath path;
+    std::string why;
+    if (!ParseDataPath(store->module(), keypath, &path, &why) || !path.isEntry) {
+      CommitError error{why.empty() ? "not a list entry" : why, keypath};
+      Respond(session, request, &error);
+      return;
+    }
+    bool touched = false;
+    const lyd_node* entry = candidate ? candidate->Entry(path.entryPath, &touched) : nullptr;
+    if (!touched) entry = store->Find(path.entryPath);
+    if (entry) CopyEntry(&tree.tree, entry);
+  }
+  Respond(session, request, nullptr, get.xml() ? PrintXml(tree.tree) : PrintJson(tree.tree));
+}
+
+void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const SetEntries& set) {
+  CommitError error;
+  const std::vector<std::string> deleted(set.deleted().begin(), set.deleted().end());
+  if (set.candidate()) {
+    if (const std::string locked = LockedBy(candidateLock, session, "candidate"); !locked.empty()) {
+      error = {locked, ""};
+      Respond(session, request, &error);
+      return;
+    }
+    if (!session.candidate) {
+      session.candidate = std::make_unique<SessionCandidate>(ctx.get(), store.get());
+    }
+    if (!session.candidate->SetEntries(set.json(), deleted, set.validate(), &error)) {
+      Respond(session, request, &error);
+      return;
+    }
+    Respond(session, request, nullptr);
+    return;
+  }
+  if (const std::string locked = LockedBy(runningLock, session, "running configuration");
+      !locked.empty()) {
+    error = {locked, ""};
+    Respond(session, request, &error);
+    return;
+  }
+  std::vector<std::string> paths;
+  for (const std::string& keypath : deleted) {
+    DataPath path;
+    std::string why;
+    if (!ParseDataPath(store->module(), keypath, &path, &why) || !path.isEntry) {
+      error = {why.empty() ? "not a list entry" : why, keypath};
+      Respond(session, request, &error);
+      return;
+    }
+    paths.push_back(path.entryPath);
+  }
+  lyd_node* tree = nullptr;
+  if (!store->ParseEntries(set.json(), &tree, &error)) {
+    Respond(session, request, &error);
+    return;
+  }
+  auto candidate = store->PrepareEntries(tree, paths, &error);
+  if (!candidate) {
+    Respond(session, request, &error);
+    return;
+  }
+  HandleCommit(session, request, std::move(candidate), {session.client, ""});
 }
 
 void Server::Impl::HandleCandidate(Session& session, uint64_t request,
@@ -1323,7 +1417,7 @@ void Server::Impl::HandleGetOperational(Session& session, uint64_t request,
     Respond(session, request, &error);
     return;
   }
-  PendingView view{session.id, request, provider->id, {}, nullptr, 0, {}, {}, {}};
+  PendingView view{session.id, request, provider->id, {}, nullptr, get.xml(), 0, {}, {}, {}};
   for (const lyd_node* entry : store->Entries(binding.keysFrom)) {
     Value key;
     SetValue(lyd_child(entry), &key);
@@ -1436,12 +1530,13 @@ void Server::Impl::FinishViewIfDone(uint64_t viewId) {
     if (view.entries[k] && !view.reasons[k].empty())
       view.view->AddRuleLeaf(view.entries[k], "hw-reason", view.reasons[k]);
   }
+  std::string text = view.xml ? view.view->Xml() : view.view->Json();
   if (view.errors.empty()) {
-    RespondTo(view.session, view.request, nullptr, view.view->Json());
+    RespondTo(view.session, view.request, nullptr, std::move(text));
   } else {
     // The entries that could be shown are, with the reasons for those that could not.
     CommitError error{"entries left out: " + view.errors, ""};
-    RespondTo(view.session, view.request, &error, view.view->Json());
+    RespondTo(view.session, view.request, &error, std::move(text));
   }
   views.erase(it);
 }

@@ -31,8 +31,9 @@ void SessionCandidate::Clear() {
   lyd_free_siblings(base_);
   lyd_free_siblings(work_);
   base_ = work_ = nullptr;
-  ops_.clear();
+  steps_.clear();
   touched_.clear();
+  touchedSet_.clear();
 }
 
 lyd_node* SessionCandidate::FindIn(lyd_node* tree, const std::string& path) {
@@ -71,8 +72,7 @@ bool SessionCandidate::Edit(const google::protobuf::RepeatedPtrField<EditOperati
   for (const DataPath& path : paths) {
     if (std::find(entries.begin(), entries.end(), path.entryPath) != entries.end()) continue;
     entries.push_back(path.entryPath);
-    const bool known =
-        std::find(touched_.begin(), touched_.end(), path.entryPath) != touched_.end();
+    const bool known = touchedSet_.count(path.entryPath) > 0;
     if (!known) fresh.push_back(path.entryPath);
     const lyd_node* from = known ? FindIn(work_, path.entryPath) : store_->Find(path.entryPath);
     if (from) CopyInto(&trial, from);
@@ -83,14 +83,76 @@ bool SessionCandidate::Edit(const google::protobuf::RepeatedPtrField<EditOperati
       return false;
     }
   }
-  for (const std::string& path : fresh) {
-    if (const lyd_node* running = store_->Find(path)) CopyInto(&base_, running);
-    touched_.push_back(path);
-  }
+  for (const std::string& path : fresh) Touch(path);
   for (const std::string& path : entries) Replace(&work_, path, FindIn(trial, path));
   lyd_free_siblings(trial);
-  ops_.insert(ops_.end(), ops.begin(), ops.end());
+  steps_.push_back({{ops.begin(), ops.end()}, {}, {}});
   return true;
+}
+
+void SessionCandidate::Touch(const std::string& path) {
+  if (!touchedSet_.insert(path).second) return;
+  if (const lyd_node* running = store_->Find(path)) CopyInto(&base_, running);
+  touched_.push_back(path);
+}
+
+bool SessionCandidate::SetEntries(const std::string& json, const std::vector<std::string>& deleted,
+                                  bool validate, CommitError* error) {
+  std::vector<std::string> removed;
+  for (const std::string& keypath : deleted) {
+    DataPath path;
+    std::string why;
+    if (!ParseDataPath(store_->module(), keypath, &path, &why) || !path.isEntry) {
+      *error = {why.empty() ? "not a list entry" : why, keypath};
+      return false;
+    }
+    removed.push_back(path.entryPath);
+  }
+  lyd_node* tree = nullptr;
+  if (!store_->ParseEntries(json, &tree, error)) return false;
+  if (validate && !store_->ValidateEntries(&tree, error)) {
+    lyd_free_siblings(tree);
+    return false;
+  }
+  for (const std::string& path : removed) {
+    Touch(path);
+    Replace(&work_, path, nullptr);
+  }
+  // The parsed entries move into the work copy, replacing what it holds.
+  for (lyd_node* top = tree; top; top = top->next) {
+    lyd_node* container = nullptr;
+    if (work_) lyd_find_sibling_val(work_, top->schema, nullptr, 0, &container);
+    if (!container && lyd_child(top)) {
+      lyd_new_inner(nullptr, top->schema->module, top->schema->name, 0, &container);
+      if (work_) {
+        lyd_insert_sibling(work_, container, &work_);
+      } else {
+        work_ = container;
+      }
+    }
+    for (lyd_node *entry = lyd_child(top), *next; entry; entry = next) {
+      next = entry->next;
+      char* where = lyd_path(entry, LYD_PATH_STD, nullptr, 0);
+      const std::string path = where ? where : "";
+      free(where);
+      Touch(path);
+      lyd_node* old = nullptr;
+      if (lyd_child(container) &&
+          lyd_find_sibling_first(lyd_child(container), entry, &old) == LY_SUCCESS) {
+        lyd_free_tree(old);
+      }
+      lyd_unlink_tree(entry);
+      lyd_insert_child(container, entry);
+    }
+  }
+  lyd_free_siblings(tree);
+  steps_.push_back({{}, json, deleted});
+  return true;
+}
+
+const lyd_node* SessionCandidate::Entry(const std::string& path, bool* touched) const {
+  *touched = touchedSet_.count(path) > 0;
+  return *touched ? FindIn(work_, path) : nullptr;
 }
 
 std::vector<std::string> SessionCandidate::Conflicts() const {
@@ -112,13 +174,20 @@ std::vector<std::string> SessionCandidate::Conflicts() const {
 }
 
 std::unique_ptr<Candidate> SessionCandidate::Prepare(CommitError* error) const {
+  // The work copy holds only touched entries: one copy of it, and the touched entries it lacks
+  // are the deleted ones (none when it holds as many as were touched).
   lyd_node* tree = nullptr;
+  size_t held = 0;
+  if (work_) {
+    lyd_dup_siblings(work_, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, &tree);
+    for (const lyd_node* top = work_; top; top = top->next) {
+      for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) ++held;
+    }
+  }
   std::vector<std::string> deleted;
-  for (const std::string& path : touched_) {
-    if (const lyd_node* work = FindIn(work_, path)) {
-      CopyInto(&tree, work);
-    } else {
-      deleted.push_back(path);
+  if (held != touched_.size()) {
+    for (const std::string& path : touched_) {
+      if (!FindIn(work_, path)) deleted.push_back(path);
     }
   }
   return store_->PrepareEntries(tree, deleted, error);
@@ -126,12 +195,18 @@ std::unique_ptr<Candidate> SessionCandidate::Prepare(CommitError* error) const {
 
 bool SessionCandidate::Update(CommitError* error) {
   SessionCandidate rebased(ctx_, store_);
-  google::protobuf::RepeatedPtrField<EditOperation> ops(ops_.begin(), ops_.end());
-  if (!ops.empty() && !rebased.Edit(ops, error)) return false;
+  for (const Step& step : steps_) {
+    google::protobuf::RepeatedPtrField<EditOperation> ops(step.ops.begin(), step.ops.end());
+    if (step.ops.empty() ? !rebased.SetEntries(step.json, step.deleted, false, error)
+                         : !rebased.Edit(ops, error)) {
+      return false;
+    }
+  }
   std::swap(base_, rebased.base_);
   std::swap(work_, rebased.work_);
-  std::swap(ops_, rebased.ops_);
+  std::swap(steps_, rebased.steps_);
   std::swap(touched_, rebased.touched_);
+  std::swap(touchedSet_, rebased.touchedSet_);
   return true;
 }
 

@@ -10,6 +10,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,17 @@ class SessionCandidate {
   // Adds the operations, all or none; the result is validated only at commit.
   bool Edit(const google::protobuf::RepeatedPtrField<EditOperation>& ops, CommitError* error);
 
+  // Sets whole entries (a SetEntries document) and removes others, all or none; with
+  // `validate` the entries are validated now.
+  bool SetEntries(const std::string& json, const std::vector<std::string>& deleted, bool validate,
+                  CommitError* error);
+
+  // The candidate's version of the entry at a data path: *touched tells whether the candidate
+  // holds one (null: deleted or absent); else the running one applies.
+  const lyd_node* Entry(const std::string& path, bool* touched) const;
+  // The entries the candidate touched, as data paths.
+  const std::vector<std::string>& Touched() const { return touched_; }
+
   // The rules the candidate changes that running no longer holds as the base did: keypaths.
   std::vector<std::string> Conflicts() const;
 
@@ -39,7 +51,7 @@ class SessionCandidate {
   bool Update(CommitError* error);
 
   std::vector<ChangeLine> Changes() const { return TreeChanges(base_, work_); }
-  bool empty() const { return ops_.empty(); }
+  bool empty() const { return steps_.empty(); }
   void Clear();
 
  private:
@@ -48,10 +60,21 @@ class SessionCandidate {
   // Moves the copy of `entry` (null: none) to `tree` in place of what it holds at `path`.
   void Replace(lyd_node** tree, const std::string& path, lyd_node* entry);
 
+  // Takes the running version of the entry at `path` as its base when first touched.
+  void Touch(const std::string& path);
+
+  // One edit as received, replayed by Update: operations, or whole entries set and removed.
+  struct Step {
+    std::vector<EditOperation> ops;
+    std::string json;
+    std::vector<std::string> deleted;
+  };
+
   ly_ctx* ctx_;
   Datastore* store_;
-  std::vector<EditOperation> ops_;
+  std::vector<Step> steps_;
   std::vector<std::string> touched_;  // entry paths, in the order first touched
+  std::set<std::string> touchedSet_;
   lyd_node* base_ = nullptr;
   lyd_node* work_ = nullptr;
 };

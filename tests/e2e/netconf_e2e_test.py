@@ -143,6 +143,28 @@ class NetconfTest(unittest.TestCase):
         self.assertIn("<priority>50</priority>", sub)
         self.assertNotIn("next-hop", sub)
 
+    def test_edits_read_the_entries_they_name_from_the_candidate_view(self):
+        self.nc.rpc(edit("running", rule(1, 10, hop="192.0.2.7")))
+        self.nc.rpc(edit("candidate", rule(2, 20)))
+        self.nc.rpc(edit("candidate", f"<router {NS}><pbr><id>1</id><rule>"
+                         "<description>one</description></rule></pbr></router>"))
+        # Later edits see the candidate's own entries, not only running's.
+        self.assertIn("data-exists", self.nc.rpc(edit("candidate", rule(2, 21, op='nc:operation="create"'))))
+        self.assertIn("<ok/>", self.nc.rpc(edit("candidate", f"<router {NS}><pbr><id>2</id><rule>"
+                                                "<priority>22</priority></rule></pbr></router>")))
+        self.assertIn("<ok/>", self.nc.rpc(edit("candidate", rule(3, 30))))
+        self.assertIn("<ok/>", self.nc.rpc(edit("candidate", rule(3, 30, op='nc:operation="delete"'))))
+        candidate = self.nc.rpc("<get-config><source><candidate/></source></get-config>")
+        self.assertIn("<priority>22</priority>", candidate)
+        self.assertNotIn("<id>3</id>", candidate)
+        self.assertIn("<ok/>", self.nc.rpc("<commit/>"))
+        running = self.nc.rpc(RUNNING)
+        # The merge into rule 1 kept what it did not name.
+        self.assertRegex(running, r"<id>1</id><rule><priority>10</priority><description>one"
+                                  r"</description>.*<ip>192.0.2.7</ip>")
+        self.assertIn("<priority>22</priority>", running)
+        self.assertNotIn("<id>3</id>", running)
+
     def test_refusals_carry_tag_and_path_and_change_nothing(self):
         self.nc.rpc(edit("running", rule(1, 10)))
         before = self.nc.rpc(RUNNING)

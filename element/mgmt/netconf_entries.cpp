@@ -1,0 +1,86 @@
+#include "element/mgmt/netconf_entries.h"
+
+#include <map>
+#include <utility>
+
+#include "element/mgmt/change_text.h"
+#include "element/mgmt/entry_key.h"
+#include "element/mgmt/json_text.h"
+
+namespace pbr::mgmt {
+namespace {
+
+bool IsEntry(const lyd_node* node) {
+  return node->schema && node->schema->nodetype == LYS_LIST &&
+         !(node->schema->flags & LYS_CONFIG_R);
+}
+
+using EntryId = std::pair<const lysc_node*, EntryKey>;
+
+}  // namespace
+
+bool EditedEntries(const lyd_node* edit, std::vector<std::string>* keypaths) {
+  for (const lyd_node* top = edit; top; top = top->next) {
+    if (!top->schema || top->schema->nodetype != LYS_CONTAINER ||
+        lyd_find_meta(top->meta, nullptr, "ietf-netconf:operation")) {
+      return false;
+    }
+    for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
+      if (!IsEntry(entry)) return false;
+      keypaths->push_back(Keypath(entry));
+    }
+  }
+  return true;
+}
+
+EntryUpdate ChangedEntries(const lyd_node* current, const lyd_node* next) {
+  std::map<EntryId, const lyd_node*> before;
+  for (const lyd_node* top = current; top; top = top->next) {
+    for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
+      if (IsEntry(entry)) before.emplace(EntryId{entry->schema, EntryKey::Of(entry)}, entry);
+    }
+  }
+  std::vector<const lyd_node*> changed;
+  size_t entries = 0;
+  for (const lyd_node* top = next; top; top = top->next) {
+    for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
+      if (!IsEntry(entry)) continue;
+      ++entries;
+      auto it = before.find(EntryId{entry->schema, EntryKey::Of(entry)});
+      const lyd_node* old = nullptr;
+      if (it != before.end()) {
+        old = it->second;
+        before.erase(it);
+      }
+      if (!old || lyd_compare_single(old, entry, LYD_COMPARE_FULL_RECURSION) != LY_SUCCESS) {
+        changed.push_back(entry);
+      }
+    }
+  }
+  EntryUpdate out;
+  for (const auto& [id, entry] : before) out.deleted.push_back(Keypath(entry));
+  if (changed.empty()) return out;
+  if (changed.size() == entries) {
+    out.json = PrintJson(next, true);  // every entry is new or changed: no copies
+    return out;
+  }
+  lyd_node* tree = nullptr;
+  for (const lyd_node* entry : changed) {
+    lyd_node* copy = nullptr;
+    if (lyd_dup_single(entry, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_PARENTS, &copy) !=
+        LY_SUCCESS) {
+      continue;
+    }
+    while (lyd_parent(copy)) copy = lyd_parent(copy);
+    if (!tree) {
+      tree = copy;
+    } else {
+      lyd_merge_siblings(&tree, copy, LYD_MERGE_DESTRUCT);
+    }
+  }
+  out.json = PrintJson(tree, true);
+  lyd_free_siblings(tree);
+  return out;
+}
+
+}  // namespace pbr::mgmt

@@ -1,0 +1,28 @@
+// The list entries an edit-config works on, so that its cost follows the entries it names and
+// not the configuration's size: which entries an edit names, and the new versions of those it
+// changes, to be sent to the server as one SetEntries.
+#pragma once
+
+#include <libyang/libyang.h>
+
+#include <string>
+#include <vector>
+
+namespace pbr::mgmt {
+
+// The keypaths of the list entries the edit tree names (below top-level containers). False when
+// the edit reaches beyond them: an operation on a top-level container, or a node of it that is
+// not a configuration list entry; the edit then works on the whole configuration.
+bool EditedEntries(const lyd_node* edit, std::vector<std::string>* keypaths);
+
+// What turns the entries of `current` into those of `next` (trees of list entries below
+// top-level containers, either null): the entries new or changed, as RFC 7951 JSON ("" when
+// none), and the keypaths of the entries `next` lacks.
+struct EntryUpdate {
+  std::string json;
+  std::vector<std::string> deleted;
+  bool empty() const { return json.empty() && deleted.empty(); }
+};
+EntryUpdate ChangedEntries(const lyd_node* current, const lyd_node* next);
+
+}  // namespace pbr::mgmt
