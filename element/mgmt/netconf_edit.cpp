@@ -213,9 +213,22 @@ bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error) {
   return false;
 }
 
+bool AnyXmlText(const lyd_node* any, char** text) {
+  const auto* node = reinterpret_cast<const lyd_node_any*>(any);
+  // Parsed content prints without its empty containers unless told otherwise, and in a subtree
+  // filter an empty container is a selection.
+  if (node->value_type == LYD_ANYDATA_DATATREE) {
+    *text = nullptr;
+    return !node->value.tree || lyd_print_mem(text, node->value.tree, LYD_XML,
+                                              LYD_PRINT_WITHSIBLINGS | LYD_PRINT_KEEPEMPTYCONT |
+                                                  LYD_PRINT_SHRINK) == LY_SUCCESS;
+  }
+  return lyd_any_value_str(any, text) == LY_SUCCESS;
+}
+
 bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error) {
   char* text = nullptr;
-  if (lyd_any_value_str(filter, &text) != LY_SUCCESS) {
+  if (!AnyXmlText(filter, &text)) {
     *error = "unreadable filter";
     return false;
   }
