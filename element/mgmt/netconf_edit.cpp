@@ -226,7 +226,8 @@ bool AnyXmlText(const lyd_node* any, char** text) {
   return lyd_any_value_str(any, text) == LY_SUCCESS;
 }
 
-bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error) {
+bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error,
+                    bool notification) {
   char* text = nullptr;
   if (!AnyXmlText(filter, &text)) {
     *error = "unreadable filter";
@@ -237,8 +238,16 @@ bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std
     return true;
   }
   lyd_node* tree = nullptr;
-  const LY_ERR r =
-      lyd_parse_data_mem(ctx, text, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree);
+  LY_ERR r;
+  if (notification) {
+    // The data parser refuses notification elements; one filter selects one notification.
+    ly_in* in = nullptr;
+    ly_in_new_memory(text, &in);
+    r = lyd_parse_op(ctx, nullptr, in, LYD_XML, LYD_TYPE_NOTIF_YANG, &tree, nullptr);
+    ly_in_free(in, 0);
+  } else {
+    r = lyd_parse_data_mem(ctx, text, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree);
+  }
   free(text);
   if (r != LY_SUCCESS) {
     const char* msg = ly_errmsg(ctx);

@@ -36,8 +36,10 @@ bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error);
 // The XML text of an anyxml node's content (null when empty), empty containers included.
 bool AnyXmlText(const lyd_node* any, char** text);
 
-// The XPath that selects what a subtree filter does; empty for an empty filter.
-bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error);
+// The XPath that selects what a subtree filter does; empty for an empty filter. With
+// `notification`, the filter selects (content of) one notification.
+bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error,
+                    bool notification = false);
 
 // Applies set and delete lines (keypaths) to `*tree`.
 bool ApplyChangeLines(const lys_module* module, const std::vector<ChangeLine>& lines,

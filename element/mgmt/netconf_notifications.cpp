@@ -26,7 +26,7 @@ bool FilterXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::s
       return true;
     }
   }
-  if (!SubtreeToXPath(ctx, filter, xpath, error)) return false;
+  if (!SubtreeToXPath(ctx, filter, xpath, error, /*notification=*/true)) return false;
   // An empty subtree filter selects nothing; an XPath that matches nothing says as much.
   if (xpath->empty()) *xpath = "/ietf-netconf-notifications:netconf-config-change[false()]";
   return true;

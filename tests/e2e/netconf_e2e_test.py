@@ -234,6 +234,12 @@ class NetconfTest(unittest.TestCase):
         self.assertIn("operation-not-supported", sub.rpc(SUBSCRIBE.replace(
             "/>", "><startTime>2020-01-01T00:00:00Z</startTime></create-subscription>")))
         self.assertIn("<ok/>", sub.rpc(SUBSCRIBE))
+        # A subtree filter on the notification's content: pbr-cli's commits only.
+        cli_only = Raw(self.sock)
+        self.assertIn("<ok/>", cli_only.rpc(SUBSCRIBE.replace("/>", (
+            '><filter type="subtree"><netconf-config-change xmlns="urn:ietf:params:xml:ns:yang:'
+            'ietf-netconf-notifications"><changed-by><session-id>0</session-id></changed-by>'
+            "</netconf-config-change></filter></create-subscription>"))))
         target = r"<target[^>]*>/\w+:router/\w+:pbr\[\w+:id='%d'\]</target>"
         commits = [
             (lambda: self.cli("set", "/router/pbr{14}/rule/priority", "14"),
@@ -258,7 +264,11 @@ class NetconfTest(unittest.TestCase):
         self.assertIn("<session-id>", sub.notification())
         self.assertRegex(sub.notification(), r"<changed-by><server/></changed-by>.*<operation>"
                                              r"delete</operation>")
+        self.cli("set", "/router/pbr{17}/rule/priority", "17")
+        self.assertRegex(cli_only.notification(), target % 14)
+        self.assertRegex(cli_only.notification(), target % 17)
         sub.close()
+        cli_only.close()
 
     def test_persist_id_must_match_the_pending_confirmed_commit(self):
         other = Raw(self.sock)
