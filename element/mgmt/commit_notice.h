@@ -9,6 +9,9 @@
 
 namespace pbr::mgmt {
 
+class Datastore;
+class Candidate;
+
 struct CommitNotice {
   struct Edit {
     std::string target;     // the list entry, as an instance-identifier (module-name prefixes)
@@ -20,6 +23,9 @@ struct CommitNotice {
   uint32_t netconfSession = 0;  // over which NETCONF session (0: not over NETCONF)
   std::vector<Edit> edits;      // one per changed list entry
 };
+
+// One edit per list entry the candidate changes, before it is applied.
+std::vector<CommitNotice::Edit> NoticeEdits(const Datastore& store, const Candidate& candidate);
 
 class CommitObserver {
  public:

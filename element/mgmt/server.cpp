@@ -943,12 +943,7 @@ CommitNotice Server::Impl::NoticeOf(const Candidate& candidate, const Session& s
   notice.byServer = &session == &system;
   notice.user = session.user;
   notice.netconfSession = session.netconfId;
-  store->ForEachChange(candidate, [&](const lyd_node* old, const lyd_node* entry) {
-    char* path = lyd_path(entry ? entry : old, LYD_PATH_STD, nullptr, 0);
-    if (!path) return;
-    notice.edits.push_back({path, !old ? "create" : !entry ? "delete" : "replace"});
-    std::free(path);
-  });
+  notice.edits = NoticeEdits(*store, candidate);
   return notice;
 }
 
