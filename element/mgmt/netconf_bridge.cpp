@@ -11,12 +11,13 @@
 
 namespace pbr::mgmt {
 
-NetconfBridge::NetconfBridge(Server* server, const std::string& user, const std::atomic<bool>* stop)
+NetconfBridge::NetconfBridge(Server* server, const std::string& user, const std::atomic<bool>* stop,
+                             uint32_t netconfSession)
     : stop_(stop) {
   int fds[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) != 0) return;
   fd_ = fds[0];
-  server->AdoptSession(fds[1], user, "netconf");
+  server->AdoptSession(fds[1], user, "netconf", netconfSession);
 }
 
 NetconfBridge::~NetconfBridge() {

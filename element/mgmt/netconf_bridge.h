@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 #include "element/mgmt/framing.h"
@@ -17,9 +18,11 @@ class Server;
 
 class NetconfBridge {
  public:
-  // Connects a new server session of `user` whose commits are recorded as made over NETCONF.
-  // Calls give up soon after `*stop` turns true (the server is shutting down).
-  NetconfBridge(Server* server, const std::string& user, const std::atomic<bool>* stop);
+  // Connects a new server session of `user`, serving NETCONF session `netconfSession`, whose
+  // commits are recorded as made over NETCONF. Calls give up soon after `*stop` turns true (the
+  // server is shutting down).
+  NetconfBridge(Server* server, const std::string& user, const std::atomic<bool>* stop,
+                uint32_t netconfSession = 0);
   ~NetconfBridge();
   NetconfBridge(const NetconfBridge&) = delete;
   NetconfBridge& operator=(const NetconfBridge&) = delete;

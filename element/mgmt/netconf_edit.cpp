@@ -225,9 +225,23 @@ bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error) {
   return false;
 }
 
-bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error) {
+bool AnyXmlText(const lyd_node* any, char** text) {
+  const auto* node = reinterpret_cast<const lyd_node_any*>(any);
+  // Parsed content prints without its empty containers unless told otherwise, and in a subtree
+  // filter an empty container is a selection.
+  if (node->value_type == LYD_ANYDATA_DATATREE) {
+    *text = nullptr;
+    return !node->value.tree || lyd_print_mem(text, node->value.tree, LYD_XML,
+                                              LYD_PRINT_WITHSIBLINGS | LYD_PRINT_KEEPEMPTYCONT |
+                                                  LYD_PRINT_SHRINK) == LY_SUCCESS;
+  }
+  return lyd_any_value_str(any, text) == LY_SUCCESS;
+}
+
+bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error,
+                    bool notification) {
   char* text = nullptr;
-  if (lyd_any_value_str(filter, &text) != LY_SUCCESS) {
+  if (!AnyXmlText(filter, &text)) {
     *error = "unreadable filter";
     return false;
   }
@@ -236,8 +250,16 @@ bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std
     return true;
   }
   lyd_node* tree = nullptr;
-  const LY_ERR r =
-      lyd_parse_data_mem(ctx, text, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree);
+  LY_ERR r;
+  if (notification) {
+    // The data parser refuses notification elements; one filter selects one notification.
+    ly_in* in = nullptr;
+    ly_in_new_memory(text, &in);
+    r = lyd_parse_op(ctx, nullptr, in, LYD_XML, LYD_TYPE_NOTIF_YANG, &tree, nullptr);
+    ly_in_free(in, 0);
+  } else {
+    r = lyd_parse_data_mem(ctx, text, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree);
+  }
   free(text);
   if (r != LY_SUCCESS) {
     const char* msg = ly_errmsg(ctx);

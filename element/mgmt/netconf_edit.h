@@ -29,7 +29,12 @@ bool ApplyEdit(const lyd_node* edit, EditOp defaultOp, lyd_node** tree, EditErro
 // Validates a whole configuration; the refusal carries the offending node's path.
 bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error);
 
-// The XPath that selects what a subtree filter does; empty for an empty filter.
-bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error);
+// The XML text of an anyxml node's content (null when empty), empty containers included.
+bool AnyXmlText(const lyd_node* any, char** text);
+
+// The XPath that selects what a subtree filter does; empty for an empty filter. With
+// `notification`, the filter selects (content of) one notification.
+bool SubtreeToXPath(ly_ctx* ctx, const lyd_node* filter, std::string* xpath, std::string* error,
+                    bool notification = false);
 
 }  // namespace pbr::mgmt

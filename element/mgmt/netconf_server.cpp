@@ -22,6 +22,8 @@
 #include "element/mgmt/netconf_bridge.h"
 #include "element/mgmt/netconf_edit.h"
 #include "element/mgmt/netconf_entries.h"
+#include "element/mgmt/netconf_monitoring.h"
+#include "element/mgmt/netconf_notifications.h"
 #include "element/mgmt/server.h"
 #include "element/middleware/log.h"
 #include "element/yang/module.h"
@@ -65,11 +67,11 @@ std::string DatastoreOf(const lyd_node* rpc, const char* container) {
 }
 
 nc_server_reply* RpcError(const ly_ctx* ctx, NC_ERR tag, const std::string& message,
-                          const std::string& path = {}) {
+                          const std::string& path = {}, uint32_t lockHolder = 0) {
   lyd_node* err = nullptr;
   switch (tag) {
     case NC_ERR_LOCK_DENIED:
-      err = nc_err(ctx, tag, uint32_t{0});
+      err = nc_err(ctx, tag, lockHolder);
       break;
     case NC_ERR_DATA_EXISTS:
     case NC_ERR_DATA_MISSING:
@@ -170,8 +172,11 @@ struct NetconfServer::Impl {
   std::mutex mutex;  // guards workers and sessions
   std::list<Worker> workers;
   std::map<uint32_t, SessionState*> sessions;
+  NetconfNotifications notifications;
+  NetconfMonitoring monitoring;
 
   ~Impl() {
+    if (initialised) server->SetCommitObserver(nullptr);
     stopping = true;
     if (acceptor.joinable()) acceptor.join();
     for (Worker& w : workers) w.thread.join();
@@ -257,6 +262,7 @@ bool NetconfServer::Impl::Init(std::string* error) {
     return false;
   }
   initialised = true;
+  server->SetCommitObserver(&notifications);
   g_impl = this;
   nc_verbosity(NC_VERB_WARNING);
   nc_set_print_clb_session([](const nc_session* session, NC_VERB_LEVEL level, const char* msg) {
@@ -278,6 +284,9 @@ bool NetconfServer::Impl::Init(std::string* error) {
   nc_server_set_idle_timeout(options.idleTimeout);
   nc_server_set_capab_withdefaults(NC_WD_EXPLICIT,
                                    NC_WD_ALL | NC_WD_ALL_TAG | NC_WD_TRIM | NC_WD_EXPLICIT);
+  // Notifications go out between RPCs of the same session (NetconfNotifications).
+  nc_server_set_capability("urn:ietf:params:netconf:capability:notification:1.0");
+  nc_server_set_capability("urn:ietf:params:netconf:capability:interleave:1.0");
   if (!options.unixPath.empty()) {
     ::unlink(options.unixPath.c_str());  // left by a server that ended
     // The mode must be set before the address: the socket is bound when the address is.
@@ -381,7 +390,8 @@ void NetconfServer::Impl::RunSession(nc_session* session, Worker* worker) {
   SessionState state{this, nc_session_get_id(session),
                      nc_session_get_username(session) ? nc_session_get_username(session) : "?",
                      nullptr};
-  state.bridge = std::make_unique<NetconfBridge>(server, state.user, &stopping);
+  state.bridge = std::make_unique<NetconfBridge>(server, state.user, &stopping, state.id);
+  monitoring.Started(session);
   nc_session_set_data(session, &state);
   {
     std::lock_guard<std::mutex> guard(mutex);
@@ -391,12 +401,16 @@ void NetconfServer::Impl::RunSession(nc_session* session, Worker* worker) {
   nc_pollsession* ps = nc_ps_new();
   nc_ps_add_session(ps, session);
   while (!stopping && !state.kill) {
-    const int r = nc_ps_poll(ps, 200, nullptr);
+    // A subscriber polls more often, for its notifications to go out soon after each commit.
+    const int r = nc_ps_poll(ps, notifications.Subscribed(state.id) ? 20 : 200, nullptr);
     if (r & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR | NC_PSPOLL_NOSESSIONS |
              NC_PSPOLL_ERROR)) {
       break;
     }
+    monitoring.CountNotifications(state.id, notifications.SendQueued(ctx, session));
   }
+  notifications.Unsubscribe(state.id);
+  monitoring.Ended(state.id);
   nc_ps_free(ps);
   {
     std::lock_guard<std::mutex> guard(mutex);
@@ -410,7 +424,14 @@ void NetconfServer::Impl::RunSession(nc_session* session, Worker* worker) {
 
 nc_server_reply* NetconfServer::Impl::OnRpc(lyd_node* rpc, nc_session* session) {
   auto* state = static_cast<SessionState*>(nc_session_get_data(session));
-  return state->impl->Dispatch(*state, rpc);
+  Impl& impl = *state->impl;
+  nc_server_reply* reply = std::strcmp(LYD_NAME(rpc), "create-subscription") == 0
+                               ? impl.notifications.Subscribe(impl.ctx, session, rpc)
+                               : impl.Dispatch(*state, rpc);
+  // Every kind of reply begins with its type (the library offers no getter).
+  impl.monitoring.CountRpc(state->id,
+                           reply && *reinterpret_cast<const NC_RPL*>(reply) == NC_RPL_ERROR);
+  return reply;
 }
 
 nc_server_reply* NetconfServer::Impl::Dispatch(SessionState& state, lyd_node* rpc) {
@@ -459,7 +480,7 @@ nc_server_reply* NetconfServer::Impl::Refusal(const Error& error, NC_ERR tag) {
   DataPath dp;
   std::string ignored;
   if (!path.empty() && ParseDataPath(module, path, &dp, &ignored)) path = dp.path;
-  return RpcError(ctx, tag, message, path);
+  return RpcError(ctx, tag, message, path, error.lock_holder_netconf_session());
 }
 
 bool NetconfServer::Impl::Config(SessionState& state, const std::string& which, lyd_node** tree,
@@ -535,6 +556,14 @@ nc_server_reply* NetconfServer::Impl::WholeView(SessionState& state, lyd_node* r
     // Without a daemon serving the view, get answers with the configuration alone.
     if (!state.bridge->Call(view, &response, &why)) return RpcError(ctx, NC_ERR_OP_FAILED, why);
     if (response.ok()) xml = JoinXml(std::move(xml), response.data());
+    // The NETCONF server's own state follows, as top-level siblings of the configuration.
+    TreeOwner own;
+    own.tree = monitoring.Tree(ctx, *state.bridge, &why);
+    if (!own.tree) return RpcError(ctx, NC_ERR_OP_FAILED, why);
+    char* text = nullptr;
+    lyd_print_mem(&text, own.tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
+    if (text) xml += text;
+    free(text);
   }
   lyd_node* output = nullptr;
   lyd_dup_single(rpc, nullptr, 0, &output);
@@ -570,6 +599,12 @@ nc_server_reply* NetconfServer::Impl::GetConfig(SessionState& state, lyd_node* r
       return RpcError(ctx, NC_ERR_OP_FAILED, "cannot read the operational view");
     }
     if (view) lyd_merge_siblings(&tree.tree, view, LYD_MERGE_DESTRUCT);
+    // The NETCONF server's own state, unless the filter leaves it out anyway.
+    if (NetconfMonitoring::Wanted(Child(rpc, "filter"))) {
+      lyd_node* own = monitoring.Tree(ctx, *state.bridge, &why);
+      if (!own) return RpcError(ctx, NC_ERR_OP_FAILED, why);
+      lyd_merge_siblings(&tree.tree, own, LYD_MERGE_DESTRUCT);
+    }
   }
   const NC_WD_MODE wd = WithDefaults(rpc);
   if ((wd == NC_WD_ALL || wd == NC_WD_ALL_TAG) && tree.tree) {
@@ -677,7 +712,7 @@ nc_server_reply* NetconfServer::Impl::Commit(SessionState& state, lyd_node* rpc)
     if (const lyd_node* persist = Child(rpc, "persist"))
       commit->set_persist(lyd_get_value(persist));
   }
-  if (const lyd_node* id = Child(rpc, "persist-id")) commit->set_persist(lyd_get_value(id));
+  if (const lyd_node* id = Child(rpc, "persist-id")) commit->set_persist_id(lyd_get_value(id));
   Response response;
   nc_server_reply* reply = nullptr;
   if (!Call(state, std::move(request), &response, &reply, NC_ERR_INVALID_VALUE)) return reply;

@@ -13,6 +13,7 @@
 #include <pwd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -20,6 +21,7 @@
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -131,6 +133,7 @@ struct Server::Impl {
     bool attached = false;
     std::string user;                             // from the peer's credentials
     std::string client = "cli";                   // what the history records commits as made with
+    uint32_t netconfId = 0;                       // its NETCONF session, when it serves one
     std::unique_ptr<SessionCandidate> candidate;  // created by the first candidate edit
     std::string app;
     pid_t pid = 0;
@@ -191,6 +194,9 @@ struct Server::Impl {
   // Sessions holding the locks of the running configuration and of the candidates (0: none).
   uint64_t runningLock = 0;
   uint64_t candidateLock = 0;
+  time_t runningLockSince = 0;
+  time_t candidateLockSince = 0;
+  CommitObserver* observer = nullptr;
   sd_event_source* compaction = nullptr;
   std::vector<ResolvedBinding> bindings;
   int lockFd = -1;
@@ -213,6 +219,7 @@ struct Server::Impl {
     int fd;
     std::string user;
     std::string client;
+    uint32_t netconfId;
   };
   std::mutex adoptMutex;
   std::vector<Adoption> adoptions;
@@ -283,6 +290,10 @@ struct Server::Impl {
   void HandleRollback(Session& session, uint64_t request, const Rollback& rollback);
   // The refusal when another session holds `lock`; empty when the session may go on.
   std::string LockedBy(uint64_t lock, const Session& session, const char* what) const;
+  // Who holds the locks, as GetLocks answers.
+  std::string LocksJson() const;
+  // The notice of a commit about to be applied, for the observer.
+  CommitNotice NoticeOf(const Candidate& candidate, const Session& session) const;
   CommitRecord RecordOf(const Candidate& candidate, const CommitInfo& info, const Session& session,
                         ChangeCounts* counts) const;
   // The running configuration as it stood right before commit `first`, as new versions of the
@@ -477,6 +488,7 @@ int Server::Impl::OnAdopt(sd_event_source*, int fd, uint32_t, void* userdata) {
     ::fcntl(a.fd, F_SETFL, ::fcntl(a.fd, F_GETFL) | O_NONBLOCK);
     if (Session* session = impl->AddSession(a.fd, std::move(a.user))) {
       session->client = std::move(a.client);
+      session->netconfId = a.netconfId;
     }
   }
   return 0;
@@ -751,6 +763,9 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
     case ClientMessage::kSetEntries:
       HandleSetEntries(session, request, message.set_entries());
       return;
+    case ClientMessage::kGetLocks:
+      Respond(session, request, nullptr, LocksJson());
+      return;
     case ClientMessage::kGetOperational:
       HandleGetOperational(session, request, message.get_operational());
       return;
@@ -825,6 +840,8 @@ uint64_t Server::Impl::HandleCommit(Session& session, uint64_t request,
   }
   ChangeCounts counts;
   const CommitRecord commitRecord = RecordOf(*candidate, info, session, &counts);
+  std::optional<CommitNotice> notice;
+  if (observer && observer->Listening()) notice = NoticeOf(*candidate, session);
   const uint64_t seqNo = ++seq;
   // Subscribers hear of the commit in the order of their lowest subscription priority.
   std::vector<std::pair<int32_t, Session*>> order;
@@ -882,6 +899,7 @@ uint64_t Server::Impl::HandleCommit(Session& session, uint64_t request,
   }
   vqmw::Logger().info("commit {} by {} ({}): {} added, {} changed, {} deleted", entry.id(),
                       entry.user(), entry.client(), counts.added, counts.changed, counts.deleted);
+  if (notice) observer->Committed(std::move(*notice));
   why.clear();
   const bool saved = persisted->Append(std::move(record), &why);
   if (saved && persisted->CompactionDue() && !compaction) {
@@ -946,12 +964,41 @@ CommitRecord Server::Impl::RecordOf(const Candidate& candidate, const CommitInfo
   return record;
 }
 
+CommitNotice Server::Impl::NoticeOf(const Candidate& candidate, const Session& session) const {
+  CommitNotice notice;
+  clock_gettime(CLOCK_REALTIME, &notice.time);
+  notice.byServer = &session == &system;
+  notice.user = session.user;
+  notice.netconfSession = session.netconfId;
+  notice.edits = NoticeEdits(*store, candidate);
+  return notice;
+}
+
 std::string Server::Impl::LockedBy(uint64_t lock, const Session& session, const char* what) const {
   if (lock == 0 || lock == session.id) return {};
   auto holder = sessions.find(lock);
-  const std::string user = holder != sessions.end() ? holder->second->user : "?";
-  return std::string("the ") + what + " is locked by session " + std::to_string(lock) + " (user " +
-         user + ")";
+  std::string who = "user " + (holder != sessions.end() ? holder->second->user : "?");
+  if (holder != sessions.end() && holder->second->netconfId != 0) {
+    who += ", NETCONF session " + std::to_string(holder->second->netconfId);
+  }
+  return std::string("the ") + what + " is locked by session " + std::to_string(lock) + " (" + who +
+         ")";
+}
+
+std::string Server::Impl::LocksJson() const {
+  nlohmann::json locks = nlohmann::json::object();
+  auto add = [&](const char* name, uint64_t holder, time_t since) {
+    auto it = sessions.find(holder);
+    if (holder == 0 || it == sessions.end()) return;
+    locks[name] = {{"session", holder},
+                   {"netconf_session", it->second->netconfId},
+                   {"user", it->second->user},
+                   {"client", it->second->client},
+                   {"since", static_cast<int64_t>(since)}};
+  };
+  add("running", runningLock, runningLockSince);
+  add("candidate", candidateLock, candidateLockSince);
+  return locks.dump();
 }
 
 void Server::Impl::HandleCandidateEdit(Session& session, uint64_t request,
@@ -1086,9 +1133,23 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
     case CandidateRequest::VALIDATE:
     case CandidateRequest::COMMIT: {
       const bool commit = req.kind() == CandidateRequest::COMMIT;
+      const std::string& persistId = req.persist_id();
+      if (commit && !persistId.empty() && (!confirmation || confirmation->persist != persistId)) {
+        error = {"no confirmed commit with persist id " + persistId + " is pending", ""};
+        Respond(session, request, &error);
+        return;
+      }
       const bool mine =
-          confirmation && (confirmation->session == session.id ||
+          confirmation && (confirmation->session == session.id || !persistId.empty() ||
                            (!req.persist().empty() && req.persist() == confirmation->persist));
+      // A commit given a persist id outlives its session: only that id confirms it elsewhere.
+      if (commit && confirmation && !mine && !confirmation->persist.empty()) {
+        error = {"a confirmed commit of session " + std::to_string(confirmation->session) +
+                     " is pending; only its persist id confirms it",
+                 ""};
+        Respond(session, request, &error);
+        return;
+      }
       if (commit && confirmation && !mine && req.has_confirm_timeout()) {
         error = {"a confirmed commit of session " + std::to_string(confirmation->session) +
                      " is pending; only it, or its persist id, may extend it",
@@ -1242,8 +1303,14 @@ void Server::Impl::HandleLock(Session& session, uint64_t request, const LockRequ
     return;
   }
   if (const std::string locked = LockedBy(holder, session, what); !locked.empty()) {
-    error = {locked, ""};
-    Respond(session, request, &error);
+    ServerMessage message;
+    Response* response = message.mutable_response();
+    response->set_id(request);
+    response->mutable_error()->set_message(locked);
+    if (auto it = sessions.find(holder); it != sessions.end()) {
+      response->mutable_error()->set_lock_holder_netconf_session(it->second->netconfId);
+    }
+    Send(session, message);
     return;
   }
   // As with NETCONF, the candidate cannot be locked while another session holds changes.
@@ -1259,6 +1326,8 @@ void Server::Impl::HandleLock(Session& session, uint64_t request, const LockRequ
     }
   }
   holder = session.id;
+  (lock.target() == LockRequest::CANDIDATE ? candidateLockSince : runningLockSince) =
+      ::time(nullptr);
   vqmw::Logger().info("session {} (user {}) locked the {}", session.id, session.user, what);
   Respond(session, request, nullptr, nlohmann::json{{"session", session.id}}.dump());
 }
@@ -1545,13 +1614,17 @@ Server::Server(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 Server::~Server() = default;
 
-void Server::AdoptSession(int fd, std::string user, std::string client) {
+void Server::AdoptSession(int fd, std::string user, std::string client, uint32_t netconfSession) {
   {
     std::lock_guard<std::mutex> guard(impl_->adoptMutex);
-    impl_->adoptions.push_back({fd, std::move(user), std::move(client)});
+    impl_->adoptions.push_back({fd, std::move(user), std::move(client), netconfSession});
   }
   const uint64_t one = 1;
   [[maybe_unused]] const ssize_t n = ::write(impl_->adoptFd, &one, sizeof one);
+}
+
+void Server::SetCommitObserver(CommitObserver* observer) {
+  impl_->observer = observer;
 }
 
 std::unique_ptr<Server> Server::Create(sd_event* event, const ServerOptions& options,

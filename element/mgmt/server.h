@@ -11,6 +11,8 @@
 #include <memory>
 #include <string>
 
+#include "element/mgmt/commit_notice.h"
+
 namespace pbr::mgmt {
 
 struct ServerOptions {
@@ -41,9 +43,14 @@ class Server {
   ~Server();
 
   // Serves `fd` (one end of a connected stream socket) as a session of `user`, whose commits the
-  // history records as made with `client`. Safe to call from any thread: the session is set up
-  // on the loop, and requests written to the other end before that wait in the socket.
-  void AdoptSession(int fd, std::string user, std::string client);
+  // history records as made with `client`, and lock holders and commit notices name by
+  // `netconfSession` (0: none). Safe to call from any thread: the session is set up on the loop,
+  // and requests written to the other end before that wait in the socket.
+  void AdoptSession(int fd, std::string user, std::string client, uint32_t netconfSession = 0);
+
+  // Tells `observer` (null: nobody) of every commit from now on. Call on the loop's thread, or
+  // before the loop runs; the observer must outlive the server or be replaced first.
+  void SetCommitObserver(CommitObserver* observer);
 
   struct Impl;
 

@@ -22,12 +22,10 @@ class Raw:
         while b"]]>]]>" not in self.buf:
             self.buf += self.sock.recv(65536)
         self.hello, self.buf = self.buf.split(b"]]>]]>", 1)
+        self.id = int(re.search(rb"<session-id>(\d+)<", self.hello).group(1))
+        self.notifications = []
 
-    def rpc(self, body):
-        self.mid += 1
-        msg = (f'<rpc message-id="{self.mid}" xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">'
-               f'{body}</rpc>').encode()
-        self.sock.sendall(b"\n#%d\n%s\n##\n" % (len(msg), msg))
+    def message(self):
         out = b""
         while True:
             m = re.match(rb"\n#(\d+)\n", self.buf)
@@ -42,6 +40,20 @@ class Raw:
                 if not data:
                     raise EOFError("session closed")
                 self.buf += data
+
+    def rpc(self, body):
+        self.mid += 1
+        msg = (f'<rpc message-id="{self.mid}" xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">'
+               f'{body}</rpc>').encode()
+        self.sock.sendall(b"\n#%d\n%s\n##\n" % (len(msg), msg))
+        while True:
+            out = self.message()
+            if "<notification" not in out[:200]:
+                return out
+            self.notifications.append(out)
+
+    def notification(self):
+        return self.notifications.pop(0) if self.notifications else self.message()
 
     def close(self):
         self.sock.close()
@@ -58,6 +70,8 @@ def edit(target, config, extra=""):
 
 
 RUNNING = "<get-config><source><running/></source></get-config>"
+SUBSCRIBE = '<create-subscription xmlns="urn:ietf:params:xml:ns:netconf:notification:1.0"/>'
+LOCK = "<lock><target><running/></target></lock>"
 
 
 class NetconfTest(unittest.TestCase):
@@ -184,18 +198,114 @@ class NetconfTest(unittest.TestCase):
         self.assertEqual(before.split(">", 1)[1], self.nc.rpc(RUNNING).split(">", 1)[1])
 
     def test_locks_are_shared_with_the_cli(self):
-        self.assertIn("<ok/>", self.nc.rpc("<lock><target><running/></target></lock>"))
+        self.assertIn("<ok/>", self.nc.rpc(LOCK))
         refused = self.cli("set", "/router/pbr{8}/rule/priority", "8")
         self.assertNotEqual(refused.returncode, 0)
-        self.assertIn("locked", refused.stderr)
-        # Another session is refused the lock and its edits; the lock ends with its session.
+        self.assertIn("locked by session", refused.stderr)
+        self.assertIn(f"NETCONF session {self.nc.id})", refused.stderr)
+        # Another session is refused the lock (naming the holder) and its edits; the lock ends
+        # with its session.
         other = Raw(self.sock)
-        self.assertIn("lock-denied", other.rpc("<lock><target><running/></target></lock>"))
+        denied = other.rpc(LOCK)
+        self.assertIn("lock-denied", denied)
+        self.assertIn(f"<session-id>{self.nc.id}</session-id>", denied)
         self.assertIn("in-use", other.rpc(edit("running", rule(8, 8))))
+        state = other.rpc('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:params:xml:'
+                          'ns:yang:ietf-netconf-monitoring"><datastores/><sessions/></netconf-state>'
+                          "</filter></get>")
+        self.assertRegex(state, rf"<name>running</name><locks><global-lock><locked-by-session>"
+                                rf"{self.nc.id}</locked-by-session><locked-time>")
+        for sid in (self.nc.id, other.id):
+            self.assertRegex(state, rf"<session-id>{sid}</session-id><transport[^>]*>"
+                                    r"\w+:unix-socket</transport><username>")
+        self.assertNotIn("<schemas>", state)
         self.nc.close()
         self.wait_for(lambda: "<ok/>" in other.rpc(edit("running", rule(8, 8))))
         other.close()
         self.nc = Raw(self.sock)
+
+    def test_a_cli_lock_refuses_netconf_naming_its_holder(self):
+        shell = subprocess.Popen([BUILD + "/element/cli/pbr-cli"], env=self.env, text=True,
+                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        try:
+            shell.stdin.write("lock running\n")
+            shell.stdin.flush()
+            self.assertEqual("locked", shell.stdout.readline().strip())
+            self.nc.rpc(edit("candidate", rule(13, 13)))
+            cases = [(LOCK, "lock-denied"), (edit("running", rule(13, 13)), "in-use"),
+                     ("<commit/>", "in-use")]
+            for body, tag in cases:
+                with self.subTest(body=body):
+                    reply = self.nc.rpc(body)
+                    self.assertIn(tag, reply)
+                    self.assertRegex(reply, r"locked by session \d+ \(user \w+\)")
+            self.assertIn("<session-id>0</session-id>", self.nc.rpc(LOCK))
+            state = self.nc.rpc('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:'
+                                'params:xml:ns:yang:ietf-netconf-monitoring"><datastores/>'
+                                "</netconf-state></filter></get>")
+            self.assertRegex(state, r"<locked-by-session>0</locked-by-session>.*"
+                                    r"<locked-by-client[^>]*>cli</locked-by-client>")
+        finally:
+            shell.stdin.close()
+            shell.wait(timeout=10)
+            shell.stdout.close()
+        self.nc.rpc("<discard-changes/>")
+
+    def test_commits_of_every_client_are_notified(self):
+        sub = Raw(self.sock)
+        self.assertIn("operation-not-supported", sub.rpc(SUBSCRIBE.replace(
+            "/>", "><startTime>2020-01-01T00:00:00Z</startTime></create-subscription>")))
+        self.assertIn("<ok/>", sub.rpc(SUBSCRIBE))
+        # A subtree filter on the notification's content: pbr-cli's commits only.
+        cli_only = Raw(self.sock)
+        self.assertIn("<ok/>", cli_only.rpc(SUBSCRIBE.replace("/>", (
+            '><filter type="subtree"><netconf-config-change xmlns="urn:ietf:params:xml:ns:yang:'
+            'ietf-netconf-notifications"><changed-by><session-id>0</session-id></changed-by>'
+            "</netconf-config-change></filter></create-subscription>"))))
+        target = r"<target[^>]*>/\w+:router/\w+:pbr\[\w+:id='%d'\]</target>"
+        commits = [
+            (lambda: self.cli("set", "/router/pbr{14}/rule/priority", "14"),
+             r"<username>\w+</username><session-id>0</session-id>", 14, "create"),
+            (lambda: self.nc.rpc(edit("running", rule(14, 15))),
+             rf"<username>\w+</username><session-id>{self.nc.id}</session-id>", 14, "replace"),
+            (lambda: (self.nc.rpc(edit("candidate", rule(14, 0, op='nc:operation="delete"'))),
+                      self.nc.rpc("<commit/>")),
+             rf"<session-id>{self.nc.id}</session-id>", 14, "delete"),
+        ]
+        for commit, by, rid, op in commits:
+            with self.subTest(op=op):
+                commit()
+                notif = sub.notification()
+                self.assertIn("<netconf-config-change", notif)
+                self.assertRegex(notif, by)
+                self.assertIn("<datastore>running</datastore>", notif)
+                self.assertRegex(notif, (target % rid) + rf"<operation>{op}</operation>")
+        # The server's own undoing of an unconfirmed commit.
+        self.nc.rpc(edit("candidate", rule(15, 15)))
+        self.nc.rpc("<commit><confirmed/><confirm-timeout>1</confirm-timeout></commit>")
+        self.assertIn("<session-id>", sub.notification())
+        self.assertRegex(sub.notification(), r"<changed-by><server/></changed-by>.*<operation>"
+                                             r"delete</operation>")
+        self.cli("set", "/router/pbr{17}/rule/priority", "17")
+        self.assertRegex(cli_only.notification(), target % 14)
+        self.assertRegex(cli_only.notification(), target % 17)
+        sub.close()
+        cli_only.close()
+
+    def test_persist_id_must_match_the_pending_confirmed_commit(self):
+        other = Raw(self.sock)
+        self.nc.rpc(edit("candidate", rule(16, 16)))
+        self.assertIn("<ok/>", self.nc.rpc("<commit><confirmed/><persist>p1</persist></commit>"))
+        cases = [
+            (self.nc, "<commit><persist-id>p2</persist-id></commit>", "invalid-value"),
+            (other, "<commit/>", "only its persist id confirms it"),
+            (other, "<commit><persist-id>p1</persist-id></commit>", "<ok/>"),
+            (other, "<commit><persist-id>p1</persist-id></commit>", "no confirmed commit"),
+        ]
+        for session, body, expected in cases:
+            with self.subTest(body=body):
+                self.assertIn(expected, session.rpc(body))
+        other.close()
 
     def test_unconfirmed_commit_is_undone(self):
         self.nc.rpc(edit("running", rule(4, 40)))

@@ -1,0 +1,141 @@
+// What the server tells its commit observer and NETCONF about commits and locks, through
+// sessions adopted as NETCONF's are: who committed over which session, one edit per changed
+// rule, the server's own undoing, and the lock holder's NETCONF session.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "element/mgmt/framing.h"
+#include "element/mgmt/mgmt.pb.h"
+#include "element/mgmt/server.h"
+#include "tests/element/middleware/element_env.h"
+
+namespace pbr::mgmt {
+namespace {
+
+struct Recorder : CommitObserver {
+  bool Listening() const override { return listening; }
+  void Committed(CommitNotice notice) override { notices.push_back(std::move(notice)); }
+  bool listening = true;
+  std::vector<CommitNotice> notices;
+};
+
+class ServerNoticeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(sd_event_new(&event_), 0);
+    ServerOptions options;
+    options.runtimeDir = env_.RuntimeDir();
+    options.stateDir = env_.StateDir();
+    std::string error;
+    server_ = Server::Create(event_, options, &error);
+    ASSERT_TRUE(server_) << error;
+    server_->SetCommitObserver(&recorder_);
+  }
+  void TearDown() override {
+    for (int fd : fds_) close(fd);
+    server_.reset();
+    sd_event_unref(event_);
+  }
+  int Adopt(uint32_t netconfSession) {
+    int fds[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
+    server_->AdoptSession(fds[1], "alice", netconfSession ? "netconf" : "cli", netconfSession);
+    fds_.push_back(fds[0]);
+    return fds[0];
+  }
+  Response Call(int fd, ClientMessage request) {
+    FramedStream stream;
+    stream.Queue(request);
+    Response response;
+    for (int turn = 0; turn < 2000; ++turn) {
+      if (stream.HasOutput()) stream.WriteTo(fd);
+      sd_event_run(event_, 1000);
+      stream.ReadFrom(fd);
+      std::string payload;
+      ServerMessage message;
+      if (stream.Next(&payload) == FramedStream::Frame::kComplete &&
+          message.ParseFromString(payload) && message.has_response()) {
+        return message.response();
+      }
+    }
+    ADD_FAILURE() << "no response";
+    return response;
+  }
+  Response Set(int fd, const std::string& path, const std::string& value, bool remove = false) {
+    ClientMessage request;
+    EditOperation* op = request.mutable_edit()->add_operation();
+    op->set_kind(remove ? EditOperation::DELETE : EditOperation::SET);
+    op->set_path(path);
+    op->set_value(value);
+    return Call(fd, request);
+  }
+  Response Lock(int fd) {
+    ClientMessage request;
+    request.mutable_lock();
+    return Call(fd, request);
+  }
+
+  pbrtest::ElementEnv env_;
+  sd_event* event_ = nullptr;
+  std::unique_ptr<Server> server_;
+  Recorder recorder_;
+  std::vector<int> fds_;
+};
+
+TEST_F(ServerNoticeTest, CommitsAreToldWithTheirAuthorAndOneEditPerRule) {
+  const int netconf = Adopt(7);
+  const int cli = Adopt(0);
+  ASSERT_TRUE(Set(netconf, "/router/pbr{3}/rule/priority", "3").ok());
+  ASSERT_TRUE(Set(cli, "/router/pbr{3}/rule/priority", "4").ok());
+  ASSERT_TRUE(Set(cli, "/router/pbr{3}", "", /*remove=*/true).ok());
+  recorder_.listening = false;
+  ASSERT_TRUE(Set(cli, "/router/pbr{4}/rule/priority", "4").ok());
+  ClientMessage rollback;
+  rollback.mutable_rollback()->set_id(1);
+  recorder_.listening = true;
+  ASSERT_TRUE(Call(cli, rollback).ok());
+
+  ASSERT_EQ(recorder_.notices.size(), 4u);
+  const struct {
+    uint32_t session;
+    std::vector<std::pair<std::string, std::string>> edits;
+  } expected[] = {
+      {7, {{"/pbr:router/pbr[id='3']", "create"}}},
+      {0, {{"/pbr:router/pbr[id='3']", "replace"}}},
+      {0, {{"/pbr:router/pbr[id='3']", "delete"}}},
+      {0, {{"/pbr:router/pbr[id='3']", "create"}, {"/pbr:router/pbr[id='4']", "delete"}}},
+  };
+  for (size_t i = 0; i < recorder_.notices.size(); ++i) {
+    const CommitNotice& notice = recorder_.notices[i];
+    EXPECT_EQ(notice.user, "alice");
+    EXPECT_FALSE(notice.byServer);
+    EXPECT_EQ(notice.netconfSession, expected[i].session) << i;
+    std::vector<std::pair<std::string, std::string>> edits;
+    for (const auto& e : notice.edits) edits.emplace_back(e.target, e.operation);
+    EXPECT_EQ(edits, expected[i].edits) << i;
+  }
+}
+
+TEST_F(ServerNoticeTest, LocksNameTheHolderNetconfSession) {
+  const int holder = Adopt(7);
+  const int other = Adopt(9);
+  ASSERT_TRUE(Lock(holder).ok());
+  const Response refused = Lock(other);
+  EXPECT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().lock_holder_netconf_session(), 7u);
+  EXPECT_NE(refused.error().message().find("(user alice, NETCONF session 7)"), std::string::npos);
+
+  ClientMessage get;
+  get.mutable_get_locks();
+  const auto locks = nlohmann::json::parse(Call(other, get).data());
+  EXPECT_EQ(locks["running"]["netconf_session"], 7);
+  EXPECT_EQ(locks["running"]["client"], "netconf");
+  EXPECT_GT(locks["running"]["since"].get<int64_t>(), 0);
+  EXPECT_FALSE(locks.contains("candidate"));
+}
+
+}  // namespace
+}  // namespace pbr::mgmt
