@@ -50,7 +50,7 @@ class Client {
  public:
   explicit Client(const std::string& socket) {
     nc_client_init();
-    nc_verbosity(NC_VERB_ERROR);
+    nc_verbosity(NC_VERB_WARNING);
     if (ly_ctx_new(PBR_YANG_DIR ":" PBR_YANG_DIR "/ietf", 0, &ctx_) != LY_SUCCESS) return;
     const char* features[] = {"writable-running",
                               "candidate",
@@ -63,6 +63,9 @@ class Client {
     if (!ly_ctx_load_module(ctx_, "ietf-netconf", nullptr, features) ||
         !ly_ctx_load_module(ctx_, "ietf-netconf-with-defaults", nullptr, all) ||
         !ly_ctx_load_module(ctx_, "ietf-netconf-monitoring", nullptr, all) ||
+        !ly_ctx_load_module(ctx_, "pbr-netconf-monitoring", nullptr, all) ||
+        !ly_ctx_load_module(ctx_, "nc-notifications", nullptr, all) ||
+        !ly_ctx_load_module(ctx_, "ietf-netconf-notifications", nullptr, all) ||
         !ly_ctx_load_module(ctx_, "pbr", nullptr, nullptr)) {
       return;
     }
@@ -139,7 +142,7 @@ double RawGetMs(const std::string& socketPath) {
       ok && send("\n#" + std::to_string(rpc.size()) + "\n" + rpc + "\n##\n") && readUntil("\n##\n");
   const double ms = Ms(Clock::now() - start);
   ::close(fd);
-  return ok && in.find("rpc-error") == std::string::npos ? ms : -1;
+  return ok && in.find("<rpc-error>") == std::string::npos ? ms : -1;
 }
 
 template <typename F>
