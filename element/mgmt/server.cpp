@@ -1169,6 +1169,11 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
                   req.has_confirm_timeout() ? R"({"extended":true})" : R"({"confirmed":true})");
           return;
         }
+        // A confirmed commit of nothing still opens a window: what follows in it is undone unless
+        // confirmed.
+        if (commit && !confirmation && req.has_confirm_timeout()) {
+          ArmConfirmation(session, req, history->NextId());
+        }
         Respond(session, request, nullptr, commit ? "{}" : "");
         return;
       }
