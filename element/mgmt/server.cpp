@@ -282,6 +282,9 @@ struct Server::Impl {
   uint64_t HandleCommit(Session& session, uint64_t request, std::unique_ptr<Candidate> candidate,
                         const CommitInfo& info);
   void HandleCandidate(Session& session, uint64_t request, const CandidateRequest& req);
+  // The session's candidate, made on first use; null, answered, when another session locked
+  // the candidates.
+  SessionCandidate* EditableCandidate(Session& session, uint64_t request);
   void HandleCandidateEdit(Session& session, uint64_t request, const CandidateEdit& edit);
   void HandleLock(Session& session, uint64_t request, const LockRequest& lock);
   void HandleGetRunning(Session& session, uint64_t request, const GetRunning& get);
@@ -1001,18 +1004,24 @@ std::string Server::Impl::LocksJson() const {
   return locks.dump();
 }
 
-void Server::Impl::HandleCandidateEdit(Session& session, uint64_t request,
-                                       const CandidateEdit& edit) {
-  CommitError error;
+SessionCandidate* Server::Impl::EditableCandidate(Session& session, uint64_t request) {
   if (const std::string locked = LockedBy(candidateLock, session, "candidate"); !locked.empty()) {
-    error = {locked, ""};
+    CommitError error{locked, ""};
     Respond(session, request, &error);
-    return;
+    return nullptr;
   }
   if (!session.candidate) {
     session.candidate = std::make_unique<SessionCandidate>(ctx.get(), store.get());
   }
-  if (!session.candidate->Edit(edit.operation(), &error)) {
+  return session.candidate.get();
+}
+
+void Server::Impl::HandleCandidateEdit(Session& session, uint64_t request,
+                                       const CandidateEdit& edit) {
+  SessionCandidate* candidate = EditableCandidate(session, request);
+  if (!candidate) return;
+  CommitError error;
+  if (!candidate->Edit(edit.operation(), &error)) {
     Respond(session, request, &error);
     return;
   }
@@ -1062,15 +1071,9 @@ void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const Se
   CommitError error;
   const std::vector<std::string> deleted(set.deleted().begin(), set.deleted().end());
   if (set.candidate()) {
-    if (const std::string locked = LockedBy(candidateLock, session, "candidate"); !locked.empty()) {
-      error = {locked, ""};
-      Respond(session, request, &error);
-      return;
-    }
-    if (!session.candidate) {
-      session.candidate = std::make_unique<SessionCandidate>(ctx.get(), store.get());
-    }
-    if (!session.candidate->SetEntries(set.json(), deleted, set.validate(), &error)) {
+    SessionCandidate* candidate = EditableCandidate(session, request);
+    if (!candidate) return;
+    if (!candidate->SetEntries(set.json(), deleted, set.validate(), &error)) {
       Respond(session, request, &error);
       return;
     }
