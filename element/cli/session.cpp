@@ -117,6 +117,10 @@ int Session::CommitCandidate(const Commit& commit) {
   const auto answer = nlohmann::json::parse(data, nullptr, false);
   if (data == "{}") {
     out_ << "nothing to commit" << std::endl;
+  } else if (answer.is_object() && answer.contains("armed")) {
+    out_ << "nothing to commit; commits from now on are undone in " << *commit.confirmSeconds
+         << " s unless confirmed" << std::endl;
+    serverState_ = true;
   } else if (answer.is_object() && answer.contains("extended")) {
     out_ << "undone in " << *commit.confirmSeconds << " s unless confirmed" << std::endl;
   } else if (answer.is_object() && answer.contains("confirmed")) {

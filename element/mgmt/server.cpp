@@ -1176,6 +1176,8 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
         // confirmed.
         if (commit && !confirmation && req.has_confirm_timeout()) {
           ArmConfirmation(session, req, history->NextId());
+          Respond(session, request, nullptr, R"({"armed":true})");
+          return;
         }
         Respond(session, request, nullptr, commit ? "{}" : "");
         return;
