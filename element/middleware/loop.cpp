@@ -178,9 +178,14 @@ extern "C" int vqmw_loop_while_timeout(vqmw_t* mw, bool* running, int timeout) {
   }
   sd_event_source* deadline = nullptr;
   if (timeout > 0) {
-    int r =
-        sd_event_add_time_relative(mw->event, &deadline, CLOCK_MONOTONIC,
-                                   static_cast<uint64_t>(timeout) * 1000, 1, vqmw::OnDeadline, mw);
+    // From the clock's time now: sd_event_add_time_relative counts from the loop's last wakeup,
+    // which would end this run early when the loop has run before.
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const uint64_t usec = static_cast<uint64_t>(now.tv_sec) * 1000000u +
+                          static_cast<uint64_t>(now.tv_nsec) / 1000u +
+                          static_cast<uint64_t>(timeout) * 1000u;
+    int r = sd_event_add_time(mw->event, &deadline, CLOCK_MONOTONIC, usec, 1, vqmw::OnDeadline, mw);
     if (r < 0) {
       vqmw::Logger().error("{}: cannot arm the loop's timeout: {}", mw->name, std::strerror(-r));
       return 1;
