@@ -260,13 +260,13 @@ std::unique_ptr<Candidate> Datastore::Prepare(const Edit& edit, CommitError* err
   return candidate;
 }
 
-bool Datastore::FinishPartial(Candidate* candidate, CommitError* error) const {
-  if (candidate->tree &&
+bool Datastore::FinishPartial(Candidate* candidate, CommitError* error, bool validated) const {
+  if (!validated && candidate->tree &&
       lyd_validate_all(&candidate->tree, ctx_, LYD_VALIDATE_PRESENT, nullptr) != LY_SUCCESS) {
     *error = ValidationError(candidate->tree);
     return false;
   }
-  if (!FitsBytes(candidate->tree, error)) return false;
+  if (!validated && !FitsBytes(candidate->tree, error)) return false;
   for (lyd_node* top = candidate->tree; top; top = top->next) {
     for (lyd_node* child = lyd_child(top); child; child = child->next) {
       if (IsUnitList(child->schema)) candidate->entries[child->schema][EntryKey::Of(child)] = child;
@@ -278,7 +278,7 @@ bool Datastore::FinishPartial(Candidate* candidate, CommitError* error) const {
 
 std::unique_ptr<Candidate> Datastore::PrepareEntries(lyd_node* tree,
                                                      const std::vector<std::string>& deleted,
-                                                     CommitError* error) {
+                                                     CommitError* error, bool validated) {
   ly_err_clean(ctx_, nullptr);
   auto candidate = std::make_unique<Candidate>();
   candidate->tree = tree;
@@ -287,7 +287,7 @@ std::unique_ptr<Candidate> Datastore::PrepareEntries(lyd_node* tree,
       candidate->entries[old->schema][EntryKey::Of(old)] = nullptr;
     }
   }
-  if (!FinishPartial(candidate.get(), error)) return nullptr;
+  if (!FinishPartial(candidate.get(), error, validated)) return nullptr;
   return candidate;
 }
 
@@ -302,14 +302,26 @@ bool Datastore::ParseEntries(const std::string& json, lyd_node** tree, CommitErr
     *tree = nullptr;
     return false;
   }
-  for (lyd_node* top = *tree; top; top = top->next) {
-    for (lyd_node* child = lyd_child(top); child; child = child->next) {
+  if (!CheckEntries(*tree, error)) {
+    lyd_free_siblings(*tree);
+    *tree = nullptr;
+    return false;
+  }
+  return true;
+}
+
+bool Datastore::CheckEntries(const lyd_node* tree, CommitError* error) const {
+  for (const lyd_node* top = tree; top; top = top->next) {
+    if (!top->schema || top->schema->module != module_ || top->schema->nodetype != LYS_CONTAINER ||
+        (top->schema->flags & LYS_CONFIG_R)) {
+      *error = {"only list entries of the configuration can be set here", ""};
+      return false;
+    }
+    for (const lyd_node* child = lyd_child(top); child; child = child->next) {
       if (IsUnitList(child->schema)) continue;
       char* path = lyd_path(child, LYD_PATH_STD, nullptr, 0);
       *error = {"only list entries can be set here", path ? path : ""};
       free(path);
-      lyd_free_siblings(*tree);
-      *tree = nullptr;
       return false;
     }
   }
@@ -556,6 +568,7 @@ void Datastore::Diff(const Candidate& candidate, ChangeList* out) const {
 }
 
 void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
+  ++generation_;
   if (candidate->whole) {
     lyd_free_siblings(running_);
     running_ = candidate->tree;

@@ -78,13 +78,16 @@ class Datastore {
   std::unique_ptr<Candidate> Prepare(const Edit& edit, CommitError* error);
   std::unique_ptr<Candidate> Prepare(Load load, CommitError* error);
   // A validated candidate from new versions of list entries (`tree`, taken) and the data paths
-  // of entries to delete (those not running are left alone).
+  // of entries to delete (those not running are left alone); `validated`: ValidateEntries
+  // passed `tree` as it is.
   std::unique_ptr<Candidate> PrepareEntries(lyd_node* tree, const std::vector<std::string>& deleted,
-                                            CommitError* error);
+                                            CommitError* error, bool validated = false);
 
   // Parses a document of list entries below top-level containers (SetEntries), without
   // validating it; refused when it holds anything else.
   bool ParseEntries(const std::string& json, lyd_node** tree, CommitError* error) const;
+  // Whether a tree holds only list entries below top-level containers of the configuration.
+  bool CheckEntries(const lyd_node* tree, CommitError* error) const;
   // Validates a tree of list entries on its own, as a partial commit does.
   bool ValidateEntries(lyd_node** tree, CommitError* error) const;
 
@@ -121,6 +124,8 @@ class Datastore {
   std::vector<const lyd_node*> Entries(const lysc_node* list) const;
 
   const lys_module* module() const { return module_; }
+  // Counts the commits applied: equal counts mean an unchanged running configuration.
+  uint64_t generation() const { return generation_; }
 
  private:
   using Index = std::map<EntryKey, lyd_node*>;
@@ -143,12 +148,13 @@ class Datastore {
   // neither the journal nor the running tree spends work on them.
   void DropUnchanged(Candidate* candidate) const;
 
-  // Validates a partial candidate's tree and indexes its entries.
-  bool FinishPartial(Candidate* candidate, CommitError* error) const;
+  // Validates a partial candidate's tree (unless `validated`) and indexes its entries.
+  bool FinishPartial(Candidate* candidate, CommitError* error, bool validated = false) const;
 
   ly_ctx* ctx_;
   const lys_module* module_;
   lyd_node* running_ = nullptr;  // first top-level sibling
+  uint64_t generation_ = 0;
   // Entries of each list below a top-level container, in key order.
   std::map<const lysc_node*, Index> index_;
 };

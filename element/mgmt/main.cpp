@@ -85,6 +85,7 @@ int main(int argc, char** argv) {
     return *status;
   }
   pbr::mgmt::ServerOptions options;
+  options.extendContext = pbr::mgmt::NetconfServer::LoadModules;
   options.runtimeDir = vqmw::RuntimeDir();
   options.stateDir = pbr::mgmt::StateDir();
   // How many commits the history keeps at least.

@@ -1,6 +1,7 @@
 #include "element/mgmt/netconf_edit.h"
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace pbr::mgmt {
@@ -44,13 +45,18 @@ bool HasOperations(const lyd_node* tree) {
   return false;
 }
 
-// `parent` null: the node goes among the top-level siblings `*top`.
-void Insert(lyd_node* parent, lyd_node** top, lyd_node* node) {
+// Takes `node` out of the edit (whose first top-level sibling is *edit) and puts it, without
+// its operations, below `parent` or, when that is null, among the top-level siblings `*top`.
+void Move(lyd_node* node, lyd_node** edit, lyd_node* parent, lyd_node** top) {
+  if (*edit == node) *edit = node->next;
+  lyd_unlink_tree(node);
   StripOperations(node);
   if (parent) {
     lyd_insert_child(parent, node);
-  } else {
+  } else if (*top) {
     lyd_insert_sibling(*top, node, top);
+  } else {
+    *top = node;
   }
 }
 
@@ -59,8 +65,9 @@ void Remove(lyd_node** top, lyd_node* node) {
   lyd_free_tree(node);
 }
 
-bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_node** top,
-               EditError* error) {
+// Nodes the result takes as they are move out of the edit, which the caller then discards.
+bool ApplyNode(lyd_node* edit, lyd_node** editTop, EditOp inherited, lyd_node* parent,
+               lyd_node** top, EditError* error) {
   const EditOp op = OpOf(edit, inherited);
   lyd_node* first = parent ? lyd_child(parent) : *top;
   lyd_node* match = nullptr;
@@ -71,11 +78,6 @@ bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_nod
   } else if (first) {
     lyd_find_sibling_val(first, edit->schema, nullptr, 0, &match);
   }
-  auto copy = [&](uint32_t flags) {
-    lyd_node* dup = nullptr;
-    lyd_dup_single(edit, nullptr, flags, &dup);
-    return dup;
-  };
   switch (op) {
     case EditOp::kDelete:
     case EditOp::kRemove:
@@ -90,11 +92,11 @@ bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_nod
         *error = {NC_ERR_DATA_EXISTS, "already exists", PathOf(edit)};
         return false;
       }
-      Insert(parent, top, copy(LYD_DUP_RECURSIVE));
+      Move(edit, editTop, parent, top);
       return true;
     case EditOp::kReplace:
       if (match) Remove(top, match);
-      Insert(parent, top, copy(LYD_DUP_RECURSIVE));
+      Move(edit, editTop, parent, top);
       return true;
     case EditOp::kMerge:
     case EditOp::kNone:
@@ -103,23 +105,31 @@ bool ApplyNode(const lyd_node* edit, EditOp inherited, lyd_node* parent, lyd_nod
   if (edit->schema->nodetype & LYD_NODE_TERM) {
     if (op == EditOp::kNone) return true;
     if (!match) {
-      Insert(parent, top, copy(0));
+      Move(edit, editTop, parent, top);
     } else if (edit->schema->nodetype == LYS_LEAF) {
       lyd_change_term(match, lyd_get_value(edit));
     }
     return true;
   }
   if (!match && op == EditOp::kMerge && !HasOperations(edit)) {
-    Insert(parent, top, copy(LYD_DUP_RECURSIVE));  // merged into nothing: the subtree as it is
+    Move(edit, editTop, parent, top);  // merged into nothing: the subtree as it is
     return true;
   }
   if (!match) {
-    match = copy(0);  // a list entry keeps its keys
-    Insert(parent, top, match);
+    lyd_dup_single(edit, nullptr, 0, &match);  // a list entry keeps its keys
+    StripOperations(match);
+    if (parent) {
+      lyd_insert_child(parent, match);
+    } else if (*top) {
+      lyd_insert_sibling(*top, match, top);
+    } else {
+      *top = match;
+    }
   }
-  for (const lyd_node* child = lyd_child(edit); child; child = child->next) {
+  for (lyd_node *child = lyd_child(edit), *next; child; child = next) {
+    next = child->next;
     if (child->schema && lysc_is_key(child->schema)) continue;
-    if (!ApplyNode(child, op, match, top, error)) return false;
+    if (!ApplyNode(child, editTop, op, match, top, error)) return false;
   }
   return true;
 }
@@ -184,13 +194,38 @@ void SubtreePaths(ly_ctx* ctx, const lyd_node* node, const std::string& base,
 
 }  // namespace
 
-bool ParseConfigContent(ly_ctx* ctx, const lyd_node* config, bool edit, lyd_node** tree,
-                        std::string* error, std::string* path) {
+namespace {
+
+// Whether a tree parsed inside an anyxml holds configuration only: a node of an unknown name or
+// with an invalid value parses there as opaque, and state data is no configuration.
+bool PlainConfig(const lyd_node* tree) {
+  for (const lyd_node* top = tree; top; top = top->next) {
+    const lyd_node* node;
+    LYD_TREE_DFS_BEGIN(top, node) {
+      if (!node->schema || (node->schema->flags & LYS_CONFIG_R)) return false;
+      LYD_TREE_DFS_END(top, node);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ParseConfigContent(ly_ctx* ctx, lyd_node* config, lyd_node** tree, std::string* error,
+                        std::string* path) {
   *tree = nullptr;
   if (!config) {
     *error = "missing <config>";
     return false;
   }
+  // The rpc's parse already typed the content against the modules: valid content is taken over
+  // as it is, which spares printing and parsing a bulk edit again.
+  auto* any = reinterpret_cast<lyd_node_any*>(config);
+  if (any->value_type == LYD_ANYDATA_DATATREE && PlainConfig(any->value.tree)) {
+    *tree = std::exchange(any->value.tree, nullptr);
+    return true;
+  }
+  // Anything else is parsed again, strictly, for libyang's reason and the place it names.
   char* text = nullptr;
   if (lyd_any_value_str(config, &text) != LY_SUCCESS) {
     *error = "unreadable <config>";
@@ -200,7 +235,6 @@ bool ParseConfigContent(ly_ctx* ctx, const lyd_node* config, bool edit, lyd_node
   const LY_ERR r = lyd_parse_data_mem(
       ctx, text, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0, tree);
   free(text);
-  (void)edit;  // nc:operation attributes parse as metadata either way
   if (r != LY_SUCCESS) {
     const char* msg = ly_errmsg(ctx);
     *error = msg ? msg : "invalid <config>";
@@ -210,9 +244,10 @@ bool ParseConfigContent(ly_ctx* ctx, const lyd_node* config, bool edit, lyd_node
   return true;
 }
 
-bool ApplyEdit(const lyd_node* edit, EditOp defaultOp, lyd_node** tree, EditError* error) {
-  for (const lyd_node* node = edit; node; node = node->next) {
-    if (!ApplyNode(node, defaultOp, nullptr, tree, error)) return false;
+bool ApplyEdit(lyd_node** edit, EditOp defaultOp, lyd_node** tree, EditError* error) {
+  for (lyd_node *node = *edit, *next; node; node = next) {
+    next = node->next;
+    if (!ApplyNode(node, edit, defaultOp, nullptr, tree, error)) return false;
   }
   return true;
 }

@@ -17,14 +17,17 @@ struct EditError {
   std::string path;
 };
 
-// Parses the content of an anyxml <config> as configuration data; with `edit`, nc:operation
-// attributes are kept as metadata. *path: where the content is wrong, when known.
-bool ParseConfigContent(ly_ctx* ctx, const lyd_node* config, bool edit, lyd_node** tree,
-                        std::string* error, std::string* path);
+// The content of an anyxml <config> as configuration data (taken from `config` when the rpc's
+// parse typed all of it), nc:operation attributes as metadata. *path: where the content is
+// wrong, when known.
+bool ParseConfigContent(ly_ctx* ctx, lyd_node* config, lyd_node** tree, std::string* error,
+                        std::string* path);
 
-// Applies the edit tree to `*tree`, nodes without an operation of their own taking their
-// parent's (`defaultOp` at the top). On failure `*tree` may be half-edited: callers edit a copy.
-bool ApplyEdit(const lyd_node* edit, EditOp defaultOp, lyd_node** tree, EditError* error);
+// Applies the edit tree (first top-level sibling *edit) to `*tree`, nodes without an operation
+// of their own taking their parent's (`defaultOp` at the top). Subtrees the result takes whole
+// move out of the edit, whose rest the caller frees. On failure `*tree` may be half-edited:
+// callers edit a copy.
+bool ApplyEdit(lyd_node** edit, EditOp defaultOp, lyd_node** tree, EditError* error);
 
 // Validates a whole configuration; the refusal carries the offending node's path.
 bool ValidateConfig(ly_ctx* ctx, lyd_node** tree, EditError* error);

@@ -5,7 +5,6 @@
 
 #include "element/mgmt/change_text.h"
 #include "element/mgmt/entry_key.h"
-#include "element/mgmt/json_text.h"
 
 namespace pbr::mgmt {
 namespace {
@@ -33,7 +32,7 @@ bool EditedEntries(const lyd_node* edit, std::vector<std::string>* keypaths) {
   return true;
 }
 
-EntryUpdate ChangedEntries(const lyd_node* current, const lyd_node* next) {
+EntryUpdate ChangedEntries(const lyd_node* current, lyd_node** next, const ly_ctx* into) {
   std::map<EntryId, const lyd_node*> before;
   for (const lyd_node* top = current; top; top = top->next) {
     for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
@@ -42,7 +41,7 @@ EntryUpdate ChangedEntries(const lyd_node* current, const lyd_node* next) {
   }
   std::vector<const lyd_node*> changed;
   size_t entries = 0;
-  for (const lyd_node* top = next; top; top = top->next) {
+  for (const lyd_node* top = *next; top; top = top->next) {
     for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
       if (!IsEntry(entry)) continue;
       ++entries;
@@ -60,15 +59,20 @@ EntryUpdate ChangedEntries(const lyd_node* current, const lyd_node* next) {
   EntryUpdate out;
   for (const auto& [id, entry] : before) out.deleted.push_back(Keypath(entry));
   if (changed.empty()) return out;
-  if (changed.size() == entries) {
-    out.json = PrintJson(next, true);  // every entry is new or changed: no copies
+  lyd_node* tree = nullptr;
+  if (changed.size() == entries) {  // all of them
+    if (LYD_CTX(*next) == into) {
+      tree = std::exchange(*next, nullptr);
+    } else {
+      lyd_dup_siblings_to_ctx(*next, into, nullptr, LYD_DUP_RECURSIVE, &tree);
+    }
+    out.tree.reset(tree);
     return out;
   }
-  lyd_node* tree = nullptr;
   for (const lyd_node* entry : changed) {
     lyd_node* copy = nullptr;
-    if (lyd_dup_single(entry, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_PARENTS, &copy) !=
-        LY_SUCCESS) {
+    if (lyd_dup_single_to_ctx(entry, into, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_PARENTS,
+                              &copy) != LY_SUCCESS) {
       continue;
     }
     while (lyd_parent(copy)) copy = lyd_parent(copy);
@@ -78,8 +82,7 @@ EntryUpdate ChangedEntries(const lyd_node* current, const lyd_node* next) {
       lyd_merge_siblings(&tree, copy, LYD_MERGE_DESTRUCT);
     }
   }
-  out.json = PrintJson(tree, true);
-  lyd_free_siblings(tree);
+  out.tree.reset(tree);
   return out;
 }
 

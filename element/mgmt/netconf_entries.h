@@ -1,10 +1,11 @@
 // The list entries an edit-config works on, so that its cost follows the entries it names and
 // not the configuration's size: which entries an edit names, and the new versions of those it
-// changes, to be sent to the server as one SetEntries.
+// changes, handed to the server as one SetEntries.
 #pragma once
 
 #include <libyang/libyang.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,14 +16,19 @@ namespace pbr::mgmt {
 // not a configuration list entry; the edit then works on the whole configuration.
 bool EditedEntries(const lyd_node* edit, std::vector<std::string>* keypaths);
 
-// What turns the entries of `current` into those of `next` (trees of list entries below
-// top-level containers, either null): the entries new or changed, as RFC 7951 JSON ("" when
-// none), and the keypaths of the entries `next` lacks.
+// What turns the entries of `current` into those of `*next` (trees of list entries below
+// top-level containers, either null): the entries new or changed, in the context `into` (null
+// when none), and the keypaths of the entries `*next` lacks. When every entry is new or changed
+// and `into` is the trees' own context, `*next` itself is taken (null after); else the entries
+// are copied.
 struct EntryUpdate {
-  std::string json;
+  struct TreeFree {
+    void operator()(lyd_node* tree) const { lyd_free_siblings(tree); }
+  };
+  std::unique_ptr<lyd_node, TreeFree> tree;
   std::vector<std::string> deleted;
-  bool empty() const { return json.empty() && deleted.empty(); }
+  bool empty() const { return !tree && deleted.empty(); }
 };
-EntryUpdate ChangedEntries(const lyd_node* current, const lyd_node* next);
+EntryUpdate ChangedEntries(const lyd_node* current, lyd_node** next, const ly_ctx* into);
 
 }  // namespace pbr::mgmt

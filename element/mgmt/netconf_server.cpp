@@ -59,6 +59,11 @@ const lyd_node* Child(const lyd_node* parent, const char* name) {
   return nullptr;
 }
 
+// The rpc is the session's own while it is answered: content may be taken out of it.
+lyd_node* MutableChild(lyd_node* parent, const char* name) {
+  return const_cast<lyd_node*>(Child(parent, name));
+}
+
 // The datastore a <source> or <target> container names: "running", "candidate", "config"...
 std::string DatastoreOf(const lyd_node* rpc, const char* container) {
   const lyd_node* c = Child(rpc, container);
@@ -181,7 +186,6 @@ struct NetconfServer::Impl {
     if (acceptor.joinable()) acceptor.join();
     for (Worker& w : workers) w.thread.join();
     if (initialised) nc_server_destroy();
-    if (ctx) ly_ctx_destroy(ctx);
   }
 
   bool Init(std::string* error);
@@ -200,10 +204,11 @@ struct NetconfServer::Impl {
   // `entries`, only the list entries they name (keypaths).
   bool Config(SessionState& state, const std::string& which, lyd_node** tree,
               nc_server_reply** reply, const std::vector<std::string>* entries = nullptr);
-  // Makes `target` hold `next`, given that it holds `current` now (whole configurations or the
-  // same list entries of both); `validate`: a candidate's entries are validated now.
+  // Makes `target` hold `*next`, given that it holds `current` now (whole configurations or the
+  // same list entries of both; `*next` may be taken); `validate`: a candidate's entries are
+  // validated now.
   nc_server_reply* Store(SessionState& state, const std::string& target, const lyd_node* current,
-                         const lyd_node* next, bool validate = true);
+                         lyd_node** next, bool validate = true);
 
   nc_server_reply* GetConfig(SessionState& state, lyd_node* rpc, bool withState);
   // get or get-config of everything, without a filter or defaults to add.
@@ -224,32 +229,30 @@ namespace {
 NetconfServer::Impl* g_impl = nullptr;  // libnetconf2's callbacks carry no user data
 }
 
-bool NetconfServer::Impl::LoadContext(std::string* error) {
-  if (ly_ctx_new(nullptr, 0, &ctx) != LY_SUCCESS) {
-    *error = "cannot create a libyang context";
-    return false;
-  }
-  auto parse = [&](const char* name, const char* text, const char** features) {
-    ly_in* in = nullptr;
-    ly_in_new_memory(text, &in);
-    lys_module* mod = nullptr;
-    const LY_ERR r = lys_parse(ctx, in, LYS_IN_YANG, features, &mod);
-    ly_in_free(in, 0);
-    if (r != LY_SUCCESS) {
-      const char* msg = ly_errmsg(ctx);
-      *error = std::string("cannot load ") + name + ": " + (msg ? msg : "");
-      return false;
-    }
-    return true;
-  };
-  const std::string pbrText(pbr::yang::kModuleText);
-  if (!parse("pbr", pbrText.c_str(), nullptr)) return false;
+bool NetconfServer::LoadModules(ly_ctx* ctx, std::string* error) {
   for (const EmbeddedModule* m = kIetfModules; m->name; ++m) {
     const bool base = std::strcmp(m->name, "ietf-netconf") == 0;
     const char* all[] = {"*", nullptr};
-    if (!parse(m->name, m->text, base ? const_cast<const char**>(kNetconfFeatures) : all)) {
+    ly_in* in = nullptr;
+    ly_in_new_memory(m->text, &in);
+    const LY_ERR r = lys_parse(ctx, in, LYS_IN_YANG,
+                               base ? const_cast<const char**>(kNetconfFeatures) : all, nullptr);
+    ly_in_free(in, 0);
+    if (r != LY_SUCCESS) {
+      const char* msg = ly_errmsg(ctx);
+      *error = std::string("cannot load ") + m->name + ": " + (msg ? msg : "");
       return false;
     }
+  }
+  return true;
+}
+
+bool NetconfServer::Impl::LoadContext(std::string* error) {
+  // The server's own context: edits parsed with an rpc become the server's entries as they are.
+  ctx = server->Context();
+  if (!ly_ctx_get_module_implemented(ctx, "ietf-netconf")) {
+    *error = "the server's context lacks the NETCONF modules";
+    return false;
   }
   module = pbr::yang::Module(ctx);
   return true;
@@ -503,20 +506,23 @@ bool NetconfServer::Impl::Config(SessionState& state, const std::string& which, 
 }
 
 nc_server_reply* NetconfServer::Impl::Store(SessionState& state, const std::string& target,
-                                            const lyd_node* current, const lyd_node* next,
+                                            const lyd_node* current, lyd_node** next,
                                             bool validate) {
-  EntryUpdate changes = ChangedEntries(current, next);
+  EntryUpdate changes = ChangedEntries(current, next, server->Context());
   if (changes.empty()) return nc_server_reply_ok();
   ClientMessage request;
   SetEntries* set = request.mutable_set_entries();
-  set->set_json(std::move(changes.json));
+  // The new versions go to the loop as they are; whatever it does not take is freed here.
+  const uint64_t token = changes.tree ? server->HandOff(changes.tree.release()) : 0;
+  set->set_tree(token);
   *set->mutable_deleted() = {changes.deleted.begin(), changes.deleted.end()};
   set->set_candidate(target == "candidate");
   set->set_validate(validate);
   Response response;
   nc_server_reply* reply = nullptr;
-  if (!Call(state, std::move(request), &response, &reply, NC_ERR_INVALID_VALUE)) return reply;
-  return nc_server_reply_ok();
+  const bool stored = Call(state, std::move(request), &response, &reply, NC_ERR_INVALID_VALUE);
+  if (token != 0) server->Reclaim(token);
+  return stored ? nc_server_reply_ok() : reply;
 }
 
 namespace {
@@ -619,7 +625,7 @@ nc_server_reply* NetconfServer::Impl::GetConfig(SessionState& state, lyd_node* r
 
 nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* rpc) {
   const std::string target = DatastoreOf(rpc, "target");
-  const lyd_node* config = Child(rpc, "config");
+  lyd_node* config = MutableChild(rpc, "config");
   if (!config) return RpcError(ctx, NC_ERR_OP_NOT_SUPPORTED, "only <config> content is supported");
   const lyd_node* def = Child(rpc, "default-operation");
   const lyd_node* test = Child(rpc, "test-option");
@@ -629,7 +635,7 @@ nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* 
   TreeOwner edit;
   std::string why;
   std::string where;
-  if (!ParseConfigContent(ctx, config, /*edit=*/true, &edit.tree, &why, &where)) {
+  if (!ParseConfigContent(ctx, config, &edit.tree, &why, &where)) {
     return RpcError(ctx, NC_ERR_INVALID_VALUE, why, where);
   }
   // The entries the edit names are all it reads and changes, unless it covers everything.
@@ -643,7 +649,7 @@ nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* 
     lyd_dup_siblings(current.tree, nullptr, LYD_DUP_RECURSIVE, &next.tree);
   }
   EditError failure;
-  if (!ApplyEdit(edit.tree, defaultOp == "none" ? EditOp::kNone : EditOp::kMerge, &next.tree,
+  if (!ApplyEdit(&edit.tree, defaultOp == "none" ? EditOp::kNone : EditOp::kMerge, &next.tree,
                  &failure)) {
     return RpcError(ctx, failure.tag, failure.message, failure.path);
   }
@@ -654,7 +660,7 @@ nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* 
     }
     return nc_server_reply_ok();
   }
-  return Store(state, target, current.tree, next.tree, testOption != "set");
+  return Store(state, target, current.tree, &next.tree, testOption != "set");
 }
 
 nc_server_reply* NetconfServer::Impl::CopyConfig(SessionState& state, lyd_node* rpc) {
@@ -669,8 +675,8 @@ nc_server_reply* NetconfServer::Impl::CopyConfig(SessionState& state, lyd_node* 
   std::string why;
   if (source == "config") {
     std::string where;
-    if (!ParseConfigContent(ctx, Child(Child(rpc, "source"), "config"), false, &next.tree, &why,
-                            &where)) {
+    if (!ParseConfigContent(ctx, MutableChild(MutableChild(rpc, "source"), "config"), &next.tree,
+                            &why, &where)) {
       return RpcError(ctx, NC_ERR_INVALID_VALUE, why, where);
     }
   } else if (!Config(state, source, &next.tree, &reply)) {
@@ -680,7 +686,7 @@ nc_server_reply* NetconfServer::Impl::CopyConfig(SessionState& state, lyd_node* 
   if (!ValidateConfig(ctx, &next.tree, &failure)) {
     return RpcError(ctx, failure.tag, failure.message, failure.path);
   }
-  return Store(state, target, current.tree, next.tree);
+  return Store(state, target, current.tree, &next.tree);
 }
 
 nc_server_reply* NetconfServer::Impl::Lock(SessionState& state, lyd_node* rpc, bool unlock) {
@@ -738,8 +744,8 @@ nc_server_reply* NetconfServer::Impl::Validate(SessionState& state, lyd_node* rp
   TreeOwner tree;
   std::string why;
   std::string where;
-  if (!ParseConfigContent(ctx, Child(Child(rpc, "source"), "config"), false, &tree.tree, &why,
-                          &where)) {
+  if (!ParseConfigContent(ctx, MutableChild(MutableChild(rpc, "source"), "config"), &tree.tree,
+                          &why, &where)) {
     return RpcError(ctx, NC_ERR_INVALID_VALUE, why, where);
   }
   EditError failure;

@@ -4,7 +4,9 @@
 // the server's loop through a NetconfBridge, so a stalled peer holds up only its own thread.
 #pragma once
 
+#include <libyang/libyang.h>
 #include <cstdint>
+
 #include <memory>
 #include <string>
 
@@ -26,7 +28,11 @@ struct NetconfOptions {
 
 class NetconfServer {
  public:
-  // Starts the endpoints; null with *error when one cannot be set up. `server` must outlive it.
+  // Loads the modules NETCONF needs into a new server context (ServerOptions::extendContext):
+  // the northbound works in the server's context.
+  static bool LoadModules(ly_ctx* ctx, std::string* error);
+  // Starts the endpoints; null with *error when one cannot be set up. `server` must outlive it
+  // and must have been created with LoadModules.
   static std::unique_ptr<NetconfServer> Start(Server* server, const NetconfOptions& options,
                                               std::string* error);
   // Stops accepting, ends every session (joining its thread) and releases the library.

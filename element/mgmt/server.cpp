@@ -131,9 +131,10 @@ struct Server::Impl {
     size_t charged = 0;                     // of the input budget
     sd_event_source* incomplete = nullptr;  // the frame timeout, while input is incomplete
     bool attached = false;
-    std::string user;                             // from the peer's credentials
-    std::string client = "cli";                   // what the history records commits as made with
-    uint32_t netconfId = 0;                       // its NETCONF session, when it serves one
+    std::string user;            // from the peer's credentials
+    std::string client = "cli";  // what the history records commits as made with
+    uint32_t netconfId = 0;      // its NETCONF session, when it serves one
+    bool inProcess = false;      // adopted: may take trees handed over in the process
     std::unique_ptr<SessionCandidate> candidate;  // created by the first candidate edit
     std::string app;
     pid_t pid = 0;
@@ -223,10 +224,15 @@ struct Server::Impl {
   };
   std::mutex adoptMutex;
   std::vector<Adoption> adoptions;
+  // Trees of list entries handed over by in-process sessions for their next SetEntries.
+  std::mutex handOffMutex;
+  std::map<uint64_t, lyd_node*> handedOff;
+  uint64_t lastHandOff = 0;
   int adoptFd = -1;
   sd_event_source* adoptSource = nullptr;
 
   ~Impl() {
+    for (auto& [token, tree] : handedOff) lyd_free_siblings(tree);
     sd_event_source_unref(adoptSource);
     if (adoptFd >= 0) ::close(adoptFd);
     for (Adoption& a : adoptions) ::close(a.fd);
@@ -334,6 +340,7 @@ struct Server::Impl {
 bool Server::Impl::Init(std::string* error) {
   ctx = pbr::yang::LoadContext(error);
   if (!ctx) return false;
+  if (options.extendContext && !options.extendContext(ctx.get(), error)) return false;
   // libyang's messages are taken from the context for each refusal, not printed.
   ly_log_options(LY_LOSTORE_LAST);
   if (!schemaInfo.Annotate(ctx.get(), pbr::pbr__ns, error)) return false;
@@ -492,6 +499,7 @@ int Server::Impl::OnAdopt(sd_event_source*, int fd, uint32_t, void* userdata) {
     if (Session* session = impl->AddSession(a.fd, std::move(a.user))) {
       session->client = std::move(a.client);
       session->netconfId = a.netconfId;
+      session->inProcess = true;
     }
   }
   return 0;
@@ -1070,10 +1078,35 @@ void Server::Impl::HandleGetRunning(Session& session, uint64_t request, const Ge
 void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const SetEntries& set) {
   CommitError error;
   const std::vector<std::string> deleted(set.deleted().begin(), set.deleted().end());
+  // The entries: handed over in the process, or as a JSON document.
+  lyd_node* tree = nullptr;
+  if (set.tree() != 0) {
+    {
+      std::lock_guard<std::mutex> guard(handOffMutex);
+      auto it = handedOff.find(set.tree());
+      if (session.inProcess && it != handedOff.end()) {
+        tree = it->second;
+        handedOff.erase(it);
+      }
+    }
+    if (!tree || !store->CheckEntries(tree, &error)) {
+      if (!tree) error = {"no entries were handed over as " + std::to_string(set.tree()), ""};
+      lyd_free_siblings(tree);
+      Respond(session, request, &error);
+      return;
+    }
+  } else if (!set.json().empty() && !store->ParseEntries(set.json(), &tree, &error)) {
+    Respond(session, request, &error);
+    return;
+  }
   if (set.candidate()) {
     SessionCandidate* candidate = EditableCandidate(session, request);
-    if (!candidate) return;
-    if (!candidate->SetEntries(set.json(), deleted, set.validate(), &error)) {
+    if (!candidate) {
+      lyd_free_siblings(tree);
+      return;
+    }
+    if (!candidate->SetEntries(tree, set.tree() != 0 ? std::string() : set.json(), deleted,
+                               set.validate(), &error)) {
       Respond(session, request, &error);
       return;
     }
@@ -1082,6 +1115,7 @@ void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const Se
   }
   if (const std::string locked = LockedBy(runningLock, session, "running configuration");
       !locked.empty()) {
+    lyd_free_siblings(tree);
     error = {locked, ""};
     Respond(session, request, &error);
     return;
@@ -1091,16 +1125,12 @@ void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const Se
     DataPath path;
     std::string why;
     if (!ParseDataPath(store->module(), keypath, &path, &why) || !path.isEntry) {
+      lyd_free_siblings(tree);
       error = {why.empty() ? "not a list entry" : why, keypath};
       Respond(session, request, &error);
       return;
     }
     paths.push_back(path.entryPath);
-  }
-  lyd_node* tree = nullptr;
-  if (!store->ParseEntries(set.json(), &tree, &error)) {
-    Respond(session, request, &error);
-    return;
   }
   auto candidate = store->PrepareEntries(tree, paths, &error);
   if (!candidate) {
@@ -1197,7 +1227,15 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
         Respond(session, request, &error);
         return;
       }
-      auto prepared = candidate->Prepare(&error);
+      // Refused by the running lock, the commit would leave the candidate as it is; past this
+      // check it cannot be refused, so the candidate may give its entries away.
+      if (const std::string locked = LockedBy(runningLock, session, "running configuration");
+          !locked.empty() && commit) {
+        error = {locked, ""};
+        Respond(session, request, &error);
+        return;
+      }
+      auto prepared = candidate->Prepare(&error, commit);
       if (!prepared) {
         Respond(session, request, &error);
         return;
@@ -1631,6 +1669,29 @@ void Server::AdoptSession(int fd, std::string user, std::string client, uint32_t
   }
   const uint64_t one = 1;
   [[maybe_unused]] const ssize_t n = ::write(impl_->adoptFd, &one, sizeof one);
+}
+
+ly_ctx* Server::Context() const {
+  return impl_->ctx.get();
+}
+
+uint64_t Server::HandOff(lyd_node* tree) {
+  std::lock_guard<std::mutex> guard(impl_->handOffMutex);
+  const uint64_t token = ++impl_->lastHandOff;
+  impl_->handedOff.emplace(token, tree);
+  return token;
+}
+
+void Server::Reclaim(uint64_t token) {
+  lyd_node* tree = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(impl_->handOffMutex);
+    auto it = impl_->handedOff.find(token);
+    if (it == impl_->handedOff.end()) return;
+    tree = it->second;
+    impl_->handedOff.erase(it);
+  }
+  lyd_free_siblings(tree);
 }
 
 void Server::SetCommitObserver(CommitObserver* observer) {

@@ -4,10 +4,13 @@
 // socket is non-blocking and polled by the sd-event loop the server is given.
 #pragma once
 
+#include <libyang/libyang.h>
 #include <systemd/sd-event.h>
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -18,6 +21,10 @@ namespace pbr::mgmt {
 struct ServerOptions {
   std::string runtimeDir;  // mgmt.sock and mgmt.lock
   std::string stateDir;    // running.json
+  // Loads further modules into the server's context before anything uses it: those of a
+  // northbound sharing the context (NetconfServer::LoadModules), whose trees then pass to the
+  // server without copies.
+  std::function<bool(ly_ctx*, std::string*)> extendContext;
   // How long a commit waits for its subscribers' acknowledgements before it is answered.
   std::chrono::milliseconds ackTimeout{10000};
   // How many commits the history keeps at least.
@@ -47,6 +54,15 @@ class Server {
   // `netconfSession` (0: none). Safe to call from any thread: the session is set up on the loop,
   // and requests written to the other end before that wait in the socket.
   void AdoptSession(int fd, std::string user, std::string client, uint32_t netconfSession = 0);
+
+  // The libyang context of the server's trees. In-process sessions make trees in it (from any
+  // thread: the context never changes once the server runs).
+  ly_ctx* Context() const;
+  // Hands a tree of list entries below top-level containers (made in Context(), taken) to an
+  // in-process session's next SetEntries, which names it by the token returned; spares printing
+  // and parsing a bulk edit. Reclaim frees it unless that request took it. Any thread.
+  uint64_t HandOff(lyd_node* tree);
+  void Reclaim(uint64_t token);
 
   // Tells `observer` (null: nobody) of every commit from now on. Call on the loop's thread, or
   // before the loop runs; the observer must outlive the server or be replaced first.

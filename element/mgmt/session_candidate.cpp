@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 namespace pbr::mgmt {
 namespace {
@@ -34,6 +35,7 @@ void SessionCandidate::Clear() {
   steps_.clear();
   touched_.clear();
   touchedSet_.clear();
+  validated_ = false;
 }
 
 lyd_node* SessionCandidate::FindIn(lyd_node* tree, const std::string& path) {
@@ -87,29 +89,32 @@ bool SessionCandidate::Edit(const google::protobuf::RepeatedPtrField<EditOperati
   for (const std::string& path : entries) Replace(&work_, path, FindIn(trial, path));
   lyd_free_siblings(trial);
   steps_.push_back({{ops.begin(), ops.end()}, {}, {}});
+  validated_ = false;
   return true;
 }
 
 void SessionCandidate::Touch(const std::string& path) {
   if (!touchedSet_.insert(path).second) return;
+  if (touched_.empty()) generation_ = store_->generation();
   if (const lyd_node* running = store_->Find(path)) CopyInto(&base_, running);
   touched_.push_back(path);
 }
 
-bool SessionCandidate::SetEntries(const std::string& json, const std::vector<std::string>& deleted,
-                                  bool validate, CommitError* error) {
+bool SessionCandidate::SetEntries(lyd_node* tree, const std::string& json,
+                                  const std::vector<std::string>& deleted, bool validate,
+                                  CommitError* error) {
+  const bool replayable = !json.empty() || !tree;
   std::vector<std::string> removed;
   for (const std::string& keypath : deleted) {
     DataPath path;
     std::string why;
     if (!ParseDataPath(store_->module(), keypath, &path, &why) || !path.isEntry) {
       *error = {why.empty() ? "not a list entry" : why, keypath};
+      lyd_free_siblings(tree);
       return false;
     }
     removed.push_back(path.entryPath);
   }
-  lyd_node* tree = nullptr;
-  if (!store_->ParseEntries(json, &tree, error)) return false;
   if (validate && !store_->ValidateEntries(&tree, error)) {
     lyd_free_siblings(tree);
     return false;
@@ -146,7 +151,8 @@ bool SessionCandidate::SetEntries(const std::string& json, const std::vector<std
     }
   }
   lyd_free_siblings(tree);
-  steps_.push_back({{}, json, deleted});
+  validated_ = validate && steps_.empty();
+  steps_.push_back({{}, json, deleted, replayable});
   return true;
 }
 
@@ -157,6 +163,7 @@ const lyd_node* SessionCandidate::Entry(const std::string& path, bool* touched) 
 
 std::vector<std::string> SessionCandidate::Conflicts() const {
   std::vector<std::string> out;
+  if (store_->generation() == generation_) return out;  // nothing committed since
   for (const std::string& path : touched_) {
     const lyd_node* base = FindIn(base_, path);
     const lyd_node* work = FindIn(work_, path);
@@ -173,16 +180,12 @@ std::vector<std::string> SessionCandidate::Conflicts() const {
   return out;
 }
 
-std::unique_ptr<Candidate> SessionCandidate::Prepare(CommitError* error) const {
-  // The work copy holds only touched entries: one copy of it, and the touched entries it lacks
-  // are the deleted ones (none when it holds as many as were touched).
-  lyd_node* tree = nullptr;
+std::unique_ptr<Candidate> SessionCandidate::Prepare(CommitError* error, bool take) {
+  // The work copy holds only touched entries, and the touched entries it lacks are the deleted
+  // ones (none when it holds as many as were touched).
   size_t held = 0;
-  if (work_) {
-    lyd_dup_siblings(work_, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, &tree);
-    for (const lyd_node* top = work_; top; top = top->next) {
-      for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) ++held;
-    }
+  for (const lyd_node* top = work_; top; top = top->next) {
+    for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) ++held;
   }
   std::vector<std::string> deleted;
   if (held != touched_.size()) {
@@ -190,14 +193,28 @@ std::unique_ptr<Candidate> SessionCandidate::Prepare(CommitError* error) const {
       if (!FindIn(work_, path)) deleted.push_back(path);
     }
   }
-  return store_->PrepareEntries(tree, deleted, error);
+  // A validated work copy cannot be refused: it goes as it is when taken.
+  if (take && validated_)
+    return store_->PrepareEntries(std::exchange(work_, nullptr), deleted, error, true);
+  lyd_node* tree = nullptr;
+  if (work_) lyd_dup_siblings(work_, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, &tree);
+  return store_->PrepareEntries(tree, deleted, error, validated_);
 }
 
 bool SessionCandidate::Update(CommitError* error) {
   SessionCandidate rebased(ctx_, store_);
   for (const Step& step : steps_) {
+    if (!step.replayable) {
+      *error = {
+          "entries handed over without their document cannot be set again; discard the "
+          "candidate",
+          ""};
+      return false;
+    }
     google::protobuf::RepeatedPtrField<EditOperation> ops(step.ops.begin(), step.ops.end());
-    if (step.ops.empty() ? !rebased.SetEntries(step.json, step.deleted, false, error)
+    lyd_node* tree = nullptr;
+    if (step.ops.empty() ? !(step.json.empty() || store_->ParseEntries(step.json, &tree, error)) ||
+                               !rebased.SetEntries(tree, step.json, step.deleted, false, error)
                          : !rebased.Edit(ops, error)) {
       return false;
     }
@@ -207,6 +224,8 @@ bool SessionCandidate::Update(CommitError* error) {
   std::swap(steps_, rebased.steps_);
   std::swap(touched_, rebased.touched_);
   std::swap(touchedSet_, rebased.touchedSet_);
+  std::swap(generation_, rebased.generation_);
+  std::swap(validated_, rebased.validated_);
   return true;
 }
 

@@ -29,10 +29,12 @@ class SessionCandidate {
   // Adds the operations, all or none; the result is validated only at commit.
   bool Edit(const google::protobuf::RepeatedPtrField<EditOperation>& ops, CommitError* error);
 
-  // Sets whole entries (a SetEntries document) and removes others, all or none; with
-  // `validate` the entries are validated now.
-  bool SetEntries(const std::string& json, const std::vector<std::string>& deleted, bool validate,
-                  CommitError* error);
+  // Sets whole entries (`tree`, taken: list entries below top-level containers, as
+  // Datastore::CheckEntries admits) and removes others, all or none; with `validate` the entries
+  // are validated now. `json`: the entries' document, which Update replays; without it the
+  // candidate can no longer be rebased.
+  bool SetEntries(lyd_node* tree, const std::string& json, const std::vector<std::string>& deleted,
+                  bool validate, CommitError* error);
 
   // The candidate's version of the entry at a data path: *touched tells whether the candidate
   // holds one (null: deleted or absent); else the running one applies.
@@ -44,8 +46,9 @@ class SessionCandidate {
   std::vector<std::string> Conflicts() const;
 
   // The validated commit of the candidate against the running configuration; the candidate
-  // itself stays until Clear.
-  std::unique_ptr<Candidate> Prepare(CommitError* error) const;
+  // itself stays until Clear. With `take`, a candidate validated as it was set gives its work
+  // copy away instead of copying it: only for a commit that cannot be refused, Clear follows.
+  std::unique_ptr<Candidate> Prepare(CommitError* error, bool take = false);
 
   // Takes a new base from the current running configuration and applies the edits again.
   bool Update(CommitError* error);
@@ -68,12 +71,18 @@ class SessionCandidate {
     std::vector<EditOperation> ops;
     std::string json;
     std::vector<std::string> deleted;
+    bool replayable = true;
   };
 
   ly_ctx* ctx_;
   Datastore* store_;
   std::vector<Step> steps_;
   std::vector<std::string> touched_;  // entry paths, in the order first touched
+  // The running configuration's generation when the first entry was touched: while it stands,
+  // no commit can have changed a touched entry.
+  uint64_t generation_ = 0;
+  // Whether the work copy is one SetEntries document validated as it was set.
+  bool validated_ = false;
   std::set<std::string> touchedSet_;
   lyd_node* base_ = nullptr;
   lyd_node* work_ = nullptr;

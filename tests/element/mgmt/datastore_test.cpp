@@ -222,11 +222,14 @@ TEST_F(DatastoreTest, ACandidateTakesWholeEntriesBesideEditsAndKeepsThemOnUpdate
   Commit(Merge(R"({"pbr:router":{"pbr":[{"id":8,"rule":{"priority":8}}]}})"));
   SessionCandidate candidate(ctx_.get(), store_.get());
   CommitError error;
-  EXPECT_FALSE(candidate.SetEntries(
-      R"({"pbr:router":{"pbr":[{"id":10,"rule":{"description":"x"}}]}})", {}, true, &error));
+  auto set = [&](const std::string& json, const std::vector<std::string>& deleted) {
+    lyd_node* tree = nullptr;
+    return store_->ParseEntries(json, &tree, &error) &&
+           candidate.SetEntries(tree, json, deleted, true, &error);
+  };
+  EXPECT_FALSE(set(R"({"pbr:router":{"pbr":[{"id":10,"rule":{"description":"x"}}]}})", {}));
   EXPECT_THAT(error.path, HasSubstr("pbr[id='10']/rule/priority"));
-  ASSERT_TRUE(candidate.SetEntries(R"({"pbr:router":{"pbr":[{"id":9,"rule":{"priority":9}}]}})",
-                                   {"/router/pbr{8}"}, true, &error))
+  ASSERT_TRUE(set(R"({"pbr:router":{"pbr":[{"id":9,"rule":{"priority":9}}]}})", {"/router/pbr{8}"}))
       << error.message;
   ASSERT_TRUE(
       candidate.Edit(Set({{"/router/pbr{9}/rule/description", "nine"}}).operation(), &error))
