@@ -43,6 +43,16 @@
 namespace pbr::mgmt {
 namespace {
 
+// A daemon's socket takes a bulk commit's changes at once where the kernel lets it, so that the
+// daemon reads them while the loop goes on to journal the commit; otherwise the daemon waits
+// for the loop to come back to the socket.
+void WidenSendBuffer(int fd) {
+  int size = 64 << 20;
+  if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0) {
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);  // up to net.core.wmem_max
+  }
+}
+
 // The operational lists and the callpoints that serve them: one get-object request per entry
 // of the configuration list `keysFrom`.
 struct CallpointBinding {
@@ -334,6 +344,8 @@ struct Server::Impl {
   void HandleDataReply(Session& session, const DataReply& reply);
   void HandleDebug(Session& session, uint64_t request, const Debug& debug);
   void FinishCommitIfDone(uint64_t seqNo);
+  // Folds the journal into the stored configuration once it is due and no commit is pending.
+  void CompactWhenIdle();
   void FinishViewIfDone(uint64_t viewId);
 };
 
@@ -813,6 +825,7 @@ void Server::Impl::HandleAttach(Session& session, uint64_t request, const Attach
     }
     subscriptions.push_back(std::move(resolved));
   }
+  if (!subscriptions.empty()) WidenSendBuffer(session.fd);
   for (const std::string& name : attach.callpoint()) {
     const bool known = name == kReasonCallpoint ||
                        std::any_of(bindings.begin(), bindings.end(),
@@ -913,10 +926,6 @@ uint64_t Server::Impl::HandleCommit(Session& session, uint64_t request,
   if (notice) observer->Committed(std::move(*notice));
   why.clear();
   const bool saved = persisted->Append(std::move(record), &why);
-  if (saved && persisted->CompactionDue() && !compaction) {
-    // Rewriting the whole configuration waits until the commit has been answered.
-    sd_event_add_defer(event, &compaction, OnCompact, this);
-  }
   if (!saved) {
     vqmw::Logger().error("the running configuration is not saved: {}", why);
     CommitError error{"committed, but not saved: " + why, ""};
@@ -924,6 +933,7 @@ uint64_t Server::Impl::HandleCommit(Session& session, uint64_t request,
   }
   if (!saved || pending.waiting.empty()) {
     if (saved) Respond(session, request, nullptr, pending.data);
+    CompactWhenIdle();
     return commitRecord.id();
   }
   sd_event_add_time_relative(
@@ -1517,6 +1527,16 @@ void Server::Impl::FinishCommitIfDone(uint64_t seqNo) {
   RespondTo(it->second.session, it->second.request, nullptr, it->second.data);
   sd_event_source_unref(it->second.timer);
   commits.erase(it);
+  CompactWhenIdle();
+}
+
+void Server::Impl::CompactWhenIdle() {
+  if (compaction || !commits.empty() || !persisted->CompactionDue()) return;
+  // Rewriting the whole configuration waits until no commit waits for its subscribers, who
+  // would otherwise wait for the rest of its changes, and goes after any pending input.
+  if (sd_event_add_defer(event, &compaction, OnCompact, this) >= 0) {
+    sd_event_source_set_priority(compaction, SD_EVENT_PRIORITY_IDLE);
+  }
 }
 
 void Server::Impl::HandleGetOperational(Session& session, uint64_t request,
