@@ -1,6 +1,7 @@
 // pbr-mgmtd: the element's management server. Logs to the element's log ($PBR_ELEMENT_LOG),
 // tells a service manager it is ready with sd_notify once its socket accepts connections, and
 // runs until SIGTERM or SIGINT. SIGHUP reopens the log file, for log rotation.
+#include <malloc.h>
 #include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -79,6 +80,10 @@ pbr::mgmt::NetconfOptions NetconfOptionsFromEnv(const pbr::mgmt::ServerOptions& 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The loop and the NETCONF sessions' threads allocate from one arena. A thread's own arena
+  // grows by small mprotect steps and hands freed memory back at once, so a bulk edit parsed on
+  // a session's thread faulted its pages in twice over: 30% slower, 150 MiB more at its peak.
+  mallopt(M_ARENA_MAX, 1);
   const std::vector<std::string> args(argv + 1, argv + argc);
   if (auto status =
           pbr::service::HandleDaemonArguments("pbr-mgmtd", kHelp, args, std::cout, std::cerr)) {
