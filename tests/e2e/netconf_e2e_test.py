@@ -189,6 +189,11 @@ class NetconfTest(unittest.TestCase):
             (edit("candidate", rule(9, 1, op='nc:operation="delete"')), "data-missing",
              "pbr[id='9']"),
             (edit("running", rule(1, 10, op='nc:operation="create"')), "data-exists", ""),
+            # an unknown node and state data in the content are refused by name
+            (edit("running", f"<router {NS}><pbr><id>4</id><bogus>1</bogus></pbr></router>"),
+             "invalid-value", "bogus"),
+            (edit("candidate", f"<router {NS}><pbr-status><id>5</id></pbr-status></router>"),
+             "invalid-value", "pbr-status"),
         ]
         for body, tag, path in cases:
             with self.subTest(body=body):
