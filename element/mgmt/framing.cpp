@@ -17,6 +17,11 @@ void Release(std::string* buffer) {
   }
 }
 
+uint32_t FrameLength(const char* header) {
+  const auto* p = reinterpret_cast<const unsigned char*>(header);
+  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
+}
+
 }  // namespace
 
 FramedStream::Io FramedStream::ReadFrom(int fd, size_t limit) {
@@ -26,6 +31,14 @@ FramedStream::Io FramedStream::ReadFrom(int fd, size_t limit) {
     if (inOffset_ > 0 && inOffset_ * 2 >= in_.size()) {
       in_.erase(0, inOffset_);
       inOffset_ = 0;
+    }
+    // A frame longer than what is buffered gets its room at once: a bulk message would be
+    // copied at every doubling of the buffer (and fault in each new copy's pages) otherwise.
+    if (const size_t avail = in_.size() - inOffset_; avail >= kHeaderSize) {
+      const uint32_t len = FrameLength(in_.data() + inOffset_);
+      if (len <= maxFrameSize_ && avail < kHeaderSize + len) {
+        in_.reserve(inOffset_ + kHeaderSize + len + kChunk);
+      }
     }
     const size_t used = in_.size();
     in_.resize(used + kChunk);
@@ -45,11 +58,9 @@ FramedStream::Io FramedStream::ReadFrom(int fd, size_t limit) {
 
 bool FramedStream::HasFrame() const {
   const size_t avail = in_.size() - inOffset_;
-  if (avail < 4) return false;
-  const auto* p = reinterpret_cast<const unsigned char*>(in_.data() + inOffset_);
-  const uint32_t len =
-      (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
-  return len > maxFrameSize_ || avail - 4 >= len;
+  if (avail < kHeaderSize) return false;
+  const uint32_t len = FrameLength(in_.data() + inOffset_);
+  return len > maxFrameSize_ || avail - kHeaderSize >= len;
 }
 
 FramedStream::Frame FramedStream::Next(std::string* payload) {
@@ -66,14 +77,12 @@ FramedStream::Frame FramedStream::Next(std::string_view* payload) {
     inOffset_ = 0;
   }
   const size_t avail = in_.size() - inOffset_;
-  if (avail < 4) return Frame::kIncomplete;
-  const auto* p = reinterpret_cast<const unsigned char*>(in_.data() + inOffset_);
-  const uint32_t len =
-      (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
+  if (avail < kHeaderSize) return Frame::kIncomplete;
+  const uint32_t len = FrameLength(in_.data() + inOffset_);
   if (len > maxFrameSize_) return Frame::kOversized;
-  if (avail - 4 < len) return Frame::kIncomplete;
-  *payload = std::string_view(in_).substr(inOffset_ + 4, len);
-  inOffset_ += 4 + len;
+  if (avail - kHeaderSize < len) return Frame::kIncomplete;
+  *payload = std::string_view(in_).substr(inOffset_ + kHeaderSize, len);
+  inOffset_ += kHeaderSize + len;
   return Frame::kComplete;
 }
 
