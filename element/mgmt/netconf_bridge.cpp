@@ -27,23 +27,39 @@ NetconfBridge::~NetconfBridge() {
 
 bool NetconfBridge::Call(ClientMessage request, Response* response, std::string* error,
                          std::chrono::milliseconds timeout) {
+  uint64_t id = 0;
+  return Send(std::move(request), &id, error) && Receive(id, response, error, timeout);
+}
+
+bool NetconfBridge::Send(ClientMessage request, uint64_t* id, std::string* error) {
   if (fd_ < 0) {
     *error = "no connection to the management server";
     return false;
   }
-  const uint64_t id = nextId_++;
-  request.set_id(id);
+  *id = nextId_++;
+  request.set_id(*id);
   stream_.Queue(request);
+  return true;
+}
+
+bool NetconfBridge::Receive(uint64_t id, Response* response, std::string* error,
+                            std::chrono::milliseconds timeout) {
+  if (auto early = answered_.find(id); early != answered_.end()) {
+    *response = std::move(early->second);
+    answered_.erase(early);
+    return true;
+  }
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     std::string payload;
     while (stream_.Next(&payload) == FramedStream::Frame::kComplete) {
       ServerMessage message;
-      if (message.ParseFromString(payload) && message.has_response() &&
-          message.response().id() == id) {
+      if (!message.ParseFromString(payload) || !message.has_response()) continue;
+      if (message.response().id() == id) {
         *response = std::move(*message.mutable_response());
         return true;
       }
+      answered_[message.response().id()] = std::move(*message.mutable_response());
     }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "element/mgmt/framing.h"
@@ -31,11 +32,18 @@ class NetconfBridge {
   // answer within `timeout` or the connection broke.
   bool Call(ClientMessage request, Response* response, std::string* error,
             std::chrono::milliseconds timeout = std::chrono::seconds(60));
+  // The two halves of Call, for requests the server works on at once (a reply that waits for a
+  // daemon while the loop answers another): Send queues (*id names the request), Receive waits
+  // for the response to `id`, keeping others that come first.
+  bool Send(ClientMessage request, uint64_t* id, std::string* error);
+  bool Receive(uint64_t id, Response* response, std::string* error,
+               std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
  private:
   const std::atomic<bool>* stop_;
   int fd_ = -1;
   uint64_t nextId_ = 1;
+  std::map<uint64_t, Response> answered_;  // responses that came before their Receive
   FramedStream stream_;
 };
 

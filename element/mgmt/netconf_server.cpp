@@ -548,6 +548,17 @@ std::string JoinXml(std::string first, const std::string& second) {
 
 nc_server_reply* NetconfServer::Impl::WholeView(SessionState& state, lyd_node* rpc,
                                                 const std::string& source, bool withState) {
+  // The operational view is asked first: the daemon builds it while the loop prints the
+  // configuration.
+  std::string why;
+  uint64_t viewId = 0;
+  if (withState) {
+    ClientMessage view;
+    view.mutable_get_operational()->set_xml(true);
+    if (!state.bridge->Send(std::move(view), &viewId, &why)) {
+      return RpcError(ctx, NC_ERR_OP_FAILED, why);
+    }
+  }
   ClientMessage get;
   get.mutable_get_running()->set_candidate(source == "candidate");
   get.mutable_get_running()->set_xml(true);
@@ -556,11 +567,10 @@ nc_server_reply* NetconfServer::Impl::WholeView(SessionState& state, lyd_node* r
   if (!Call(state, get, &response, &reply)) return reply;
   std::string xml = std::move(*response.mutable_data());
   if (withState) {
-    ClientMessage view;
-    view.mutable_get_operational()->set_xml(true);
-    std::string why;
     // Without a daemon serving the view, get answers with the configuration alone.
-    if (!state.bridge->Call(view, &response, &why)) return RpcError(ctx, NC_ERR_OP_FAILED, why);
+    if (!state.bridge->Receive(viewId, &response, &why)) {
+      return RpcError(ctx, NC_ERR_OP_FAILED, why);
+    }
     if (response.ok()) xml = JoinXml(std::move(xml), response.data());
     // The NETCONF server's own state follows, as top-level siblings of the configuration.
     TreeOwner own;
