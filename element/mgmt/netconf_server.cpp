@@ -403,6 +403,8 @@ void NetconfServer::Impl::RunSession(nc_session* session, Worker* worker) {
   while (!stopping && !state.kill) {
     // A subscriber polls more often, for its notifications to go out soon after each commit.
     const int r = nc_ps_poll(ps, notifications.Subscribed(state.id) ? 20 : 200, nullptr);
+    // The library answered a message it could not parse as an rpc itself.
+    if (r & NC_PSPOLL_BAD_RPC) monitoring.CountBadRpc(state.id, r & NC_PSPOLL_REPLY_ERROR);
     if (r & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR | NC_PSPOLL_NOSESSIONS |
              NC_PSPOLL_ERROR)) {
       break;

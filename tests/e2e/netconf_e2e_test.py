@@ -72,6 +72,8 @@ def edit(target, config, extra=""):
 RUNNING = "<get-config><source><running/></source></get-config>"
 SUBSCRIBE = '<create-subscription xmlns="urn:ietf:params:xml:ns:netconf:notification:1.0"/>'
 LOCK = "<lock><target><running/></target></lock>"
+STATE = ('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:params:xml:ns:yang:'
+         'ietf-netconf-monitoring"><datastores/><sessions/></netconf-state></filter></get>')
 
 
 class NetconfTest(unittest.TestCase):
@@ -201,8 +203,7 @@ class NetconfTest(unittest.TestCase):
         self.assertIn("<ok/>", self.nc.rpc(LOCK))
         refused = self.cli("set", "/router/pbr{8}/rule/priority", "8")
         self.assertNotEqual(refused.returncode, 0)
-        self.assertIn("locked by session", refused.stderr)
-        self.assertIn(f"NETCONF session {self.nc.id})", refused.stderr)
+        self.assertIn(f"locked by NETCONF session {self.nc.id} (user ", refused.stderr)
         # Another session is refused the lock (naming the holder) and its edits; the lock ends
         # with its session.
         other = Raw(self.sock)
@@ -210,9 +211,10 @@ class NetconfTest(unittest.TestCase):
         self.assertIn("lock-denied", denied)
         self.assertIn(f"<session-id>{self.nc.id}</session-id>", denied)
         self.assertIn("in-use", other.rpc(edit("running", rule(8, 8))))
-        state = other.rpc('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:params:xml:'
-                          'ns:yang:ietf-netconf-monitoring"><datastores/><sessions/></netconf-state>'
-                          "</filter></get>")
+        # An rpc no module defines is refused by the library and counted as a bad rpc.
+        self.assertIn("<rpc-error>", other.rpc("<frobnicate/>"))
+        state = other.rpc(STATE)
+        self.assertRegex(state, rf"<session-id>{other.id}</session-id>.*?<in-bad-rpcs>1<")
         self.assertRegex(state, rf"<name>running</name><locks><global-lock><locked-by-session>"
                                 rf"{self.nc.id}</locked-by-session><locked-time>")
         for sid in (self.nc.id, other.id):
@@ -231,6 +233,18 @@ class NetconfTest(unittest.TestCase):
             shell.stdin.write("lock running\n")
             shell.stdin.flush()
             self.assertEqual("locked", shell.stdout.readline().strip())
+            # The shell is a session of netconf-state, past every NETCONF session id, and the
+            # lock and every refusal name it by that id (session-id 0 where NETCONF wants it).
+            state = self.nc.rpc(STATE)
+            cli = re.search(r"<session><session-id>(\d+)</session-id><transport[^>]*>\w+:cli<"
+                            r"/transport><username>\w+</username><login-time>[^<]+</login-time>"
+                            r"<in-rpcs>1</in-rpcs>.*?<process-id[^>]*>%d<" % shell.pid, state)
+            self.assertIsNotNone(cli, state)
+            cli = int(cli.group(1))
+            self.assertGreaterEqual(cli, 1 << 31)
+            self.assertRegex(state, r"<locked-by-session>0</locked-by-session><locked-time>[^<]+"
+                                    rf"</locked-time><locked-by-management-session[^>]*>{cli}<.*"
+                                    r"<locked-by-client[^>]*>cli</locked-by-client>")
             self.nc.rpc(edit("candidate", rule(13, 13)))
             cases = [(LOCK, "lock-denied"), (edit("running", rule(13, 13)), "in-use"),
                      ("<commit/>", "in-use")]
@@ -238,17 +252,13 @@ class NetconfTest(unittest.TestCase):
                 with self.subTest(body=body):
                     reply = self.nc.rpc(body)
                     self.assertIn(tag, reply)
-                    self.assertRegex(reply, r"locked by session \d+ \(user \w+\)")
+                    self.assertRegex(reply, rf"locked by session {cli} \(user \w+, cli\)")
             self.assertIn("<session-id>0</session-id>", self.nc.rpc(LOCK))
-            state = self.nc.rpc('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:'
-                                'params:xml:ns:yang:ietf-netconf-monitoring"><datastores/>'
-                                "</netconf-state></filter></get>")
-            self.assertRegex(state, r"<locked-by-session>0</locked-by-session>.*"
-                                    r"<locked-by-client[^>]*>cli</locked-by-client>")
         finally:
             shell.stdin.close()
             shell.wait(timeout=10)
             shell.stdout.close()
+        self.wait_for(lambda: f"<session-id>{cli}<" not in self.nc.rpc(STATE))
         self.nc.rpc("<discard-changes/>")
 
     def test_commits_of_every_client_are_notified(self):
