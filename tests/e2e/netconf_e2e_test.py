@@ -52,8 +52,12 @@ class Raw:
                 return out
             self.notifications.append(out)
 
-    def notification(self):
-        return self.notifications.pop(0) if self.notifications else self.message()
+    def notification(self, pattern="<notification"):
+        """The next notification that `pattern` finds; those before it are dropped."""
+        while True:
+            out = self.notifications.pop(0) if self.notifications else self.message()
+            if re.search(pattern, out):
+                return out
 
     def close(self):
         self.sock.close()
@@ -261,6 +265,26 @@ class NetconfTest(unittest.TestCase):
         self.wait_for(lambda: f"<session-id>{cli}<" not in self.nc.rpc(STATE))
         self.nc.rpc("<discard-changes/>")
 
+    def test_sessions_starting_and_ending_are_notified(self):
+        sub = Raw(self.sock)
+        self.assertIn("<ok/>", sub.rpc(SUBSCRIBE))
+        ends = [(lambda s: s.rpc("<close-session/>"), "closed", ""),
+                (lambda s: self.nc.rpc(f"<kill-session><session-id>{s.id}</session-id>"
+                                       "</kill-session>"), "killed",
+                 f"<killed-by>{self.nc.id}</killed-by>"),
+                (lambda s: s.close(), "dropped", "")]
+        for end, reason, killer in ends:
+            with self.subTest(reason=reason):
+                other = Raw(self.sock)
+                mine = rf"<session-id>{other.id}</session-id>"
+                self.assertRegex(sub.notification("netconf-session-start.*" + mine),
+                                 rf"<username>\w+</username>{mine}</netconf-session-start>")
+                end(other)
+                self.assertRegex(sub.notification("netconf-session-end.*" + mine),
+                                 rf"{mine}{killer}<termination-reason>{reason}<")
+                other.close()
+        sub.close()
+
     def test_commits_of_every_client_are_notified(self):
         sub = Raw(self.sock)
         self.assertIn("operation-not-supported", sub.rpc(SUBSCRIBE.replace(
@@ -285,7 +309,7 @@ class NetconfTest(unittest.TestCase):
         for commit, by, rid, op in commits:
             with self.subTest(op=op):
                 commit()
-                notif = sub.notification()
+                notif = sub.notification("netconf-config-change")
                 self.assertIn("<netconf-config-change", notif)
                 self.assertRegex(notif, by)
                 self.assertIn("<datastore>running</datastore>", notif)
@@ -293,10 +317,11 @@ class NetconfTest(unittest.TestCase):
         # The server's own undoing of an unconfirmed commit.
         self.nc.rpc(edit("candidate", rule(15, 15)))
         self.nc.rpc("<commit><confirmed/><confirm-timeout>1</confirm-timeout></commit>")
-        self.assertIn("<session-id>", sub.notification())
-        self.assertRegex(sub.notification(), r"<changed-by><server/></changed-by>.*<operation>"
-                                             r"delete</operation>")
+        self.assertIn("<session-id>", sub.notification("netconf-config-change"))
+        self.assertRegex(sub.notification("netconf-config-change"),
+                         r"<changed-by><server/></changed-by>.*<operation>delete</operation>")
         self.cli("set", "/router/pbr{17}/rule/priority", "17")
+        # The filter keeps out the other sessions' starts and ends too.
         self.assertRegex(cli_only.notification(), target % 14)
         self.assertRegex(cli_only.notification(), target % 17)
         sub.close()
@@ -341,14 +366,22 @@ class NetconfTest(unittest.TestCase):
         from ncclient import manager
         import ncclient.transport.ssh
         ncclient.transport.ssh.TICK = 0.005
+        sub = Raw(self.sock)
+        self.assertIn("<ok/>", sub.rpc(SUBSCRIBE))
         with manager.connect_ssh("127.0.0.1", self.port, username=pwd.getpwuid(os.geteuid()).pw_name,
                                  key_filename=self.key, hostkey_verify=False, allow_agent=False,
                                  look_for_keys=False, timeout=20) as m:
+            mine = rf"<session-id>{m.session_id}</session-id>"
+            self.assertRegex(sub.notification("netconf-session-start.*" + mine),
+                             mine + r"<source-host>127.0.0.1</source-host>")
             m.edit_config(target="candidate", config=f'<config xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">'
                           f"{rule(12, 120)}</config>")
             m.commit()
             self.assertIn("<priority>120</priority>", m.get_config(source="running").xml)
             self.assertIn("module pbr", m.get_schema("pbr").data)
+        self.assertRegex(sub.notification("netconf-session-end.*" + mine),
+                         mine + r"<source-host>127.0.0.1</source-host><termination-reason>closed<")
+        sub.close()
 
 
 if __name__ == "__main__":
