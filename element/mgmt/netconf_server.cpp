@@ -799,6 +799,15 @@ nc_server_reply* NetconfServer::Impl::KillSession(SessionState& state, lyd_node*
   const lyd_node* idNode = Child(rpc, "session-id");
   const uint32_t id = idNode ? static_cast<uint32_t>(std::stoul(lyd_get_value(idNode))) : 0;
   if (id == state.id) return RpcError(ctx, NC_ERR_INVALID_VALUE, "a session cannot kill itself");
+  // A pbr-cli session, as netconf-state lists it: the server ends it.
+  if (id >= kProtocolSessionBase) {
+    ClientMessage request;
+    request.mutable_end_session()->set_id(id);
+    Response response;
+    nc_server_reply* reply = nullptr;
+    if (!Call(state, std::move(request), &response, &reply, NC_ERR_INVALID_VALUE)) return reply;
+    return nc_server_reply_ok();
+  }
   std::lock_guard<std::mutex> guard(mutex);
   auto it = sessions.find(id);
   if (it == sessions.end()) {

@@ -333,6 +333,7 @@ struct Server::Impl {
   void HandleGetOperational(Session& session, uint64_t request, const GetOperational& get);
   void HandleDataReply(Session& session, const DataReply& reply);
   void HandleDebug(Session& session, uint64_t request, const Debug& debug);
+  void HandleEndSession(Session& session, uint64_t request, uint32_t id);
   void FinishCommitIfDone(uint64_t seqNo);
   void FinishViewIfDone(uint64_t viewId);
 };
@@ -785,6 +786,9 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
     case ClientMessage::kDebug:
       HandleDebug(session, request, message.debug());
       return;
+    case ClientMessage::kEndSession:
+      HandleEndSession(session, request, message.end_session().id());
+      return;
     case ClientMessage::BODY_NOT_SET:
       break;
   }
@@ -1007,6 +1011,26 @@ std::string Server::Impl::LockedBy(uint64_t lock, const Session& session, const 
   return std::string("the ") + what + " is locked by " +
          (s.netconfId ? "NETCONF session " : "session ") +
          std::to_string(VisibleId(s.id, s.netconfId)) + " (user " + s.user + ", " + s.client + ")";
+}
+
+void Server::Impl::HandleEndSession(Session& session, uint64_t request, uint32_t id) {
+  // Only the sessions GetLocks lists: NETCONF ends its own, and daemons are not operators'.
+  auto it = std::find_if(sessions.begin(), sessions.end(), [&](const auto& entry) {
+    const Session& s = *entry.second;
+    return s.netconfId == 0 && !s.attached && VisibleId(s.id, 0) == id;
+  });
+  CommitError error;
+  if (it == sessions.end() || it->first == session.id) {
+    error = {it == sessions.end() ? "no session " + std::to_string(id)
+                                  : std::string("a session cannot end itself"),
+             ""};
+    Respond(session, request, &error);
+    return;
+  }
+  vqmw::Logger().info("session {} (user {}) ended session {} (user {})", session.id, session.user,
+                      it->first, it->second->user);
+  Close(it->first);
+  Respond(session, request, nullptr);
 }
 
 std::string Server::Impl::LocksJson(bool withSessions) const {

@@ -258,6 +258,11 @@ class NetconfTest(unittest.TestCase):
                     self.assertIn(tag, reply)
                     self.assertRegex(reply, rf"locked by session {cli} \(user \w+, cli\)")
             self.assertIn("<session-id>0</session-id>", self.nc.rpc(LOCK))
+            # kill-session by that id ends the shell's session, and its lock with it.
+            kill = f"<kill-session><session-id>{cli}</session-id></kill-session>"
+            self.assertIn("<ok/>", self.nc.rpc(kill))
+            self.assertIn("invalid-value", self.nc.rpc(kill))
+            self.assertIn("<ok/>", self.nc.rpc(LOCK))
         finally:
             shell.stdin.close()
             shell.wait(timeout=10)
