@@ -193,7 +193,9 @@ lyd_node* NetconfMonitoring::Tree(ly_ctx* ctx, NetconfBridge& bridge, std::strin
   lyd_node* streams = Inner(Inner(nullptr, ncn, "netconf"), ncn, "streams");
   lyd_node* stream = nullptr;
   lyd_new_list(streams, ncn, "stream", 0, &stream, "NETCONF");
-  Leaf(stream, ncn, "description", "configuration changes (netconf-config-change)");
+  Leaf(stream, ncn, "description",
+       "configuration changes and NETCONF sessions (netconf-config-change, "
+       "netconf-session-start, netconf-session-end)");
   Leaf(stream, ncn, "replaySupport", "false");
   lyd_node* first = state;
   lyd_insert_sibling(first, lyd_parent(streams), &first);
