@@ -233,14 +233,15 @@ int Session::RollbackTo(const RollbackCommand& rollback) {
 int Session::Call(mgmt::ClientMessage request, mgmt::Response* response) {
   std::string error;
   if (client_ && !client_->Alive()) {
-    // The server restarted since the last command: this session's candidate, locks and
-    // confirmed commit went with it. A commit of the old candidate would apply nothing.
+    // The server ended the session since the last command (it restarted, or a NETCONF
+    // kill-session ended it): its candidate, locks and confirmed commit went with it. A commit
+    // of the old candidate would apply nothing.
     client_.reset();
     if (serverState_) {
       serverState_ = false;
       edits_ = 0;
-      err_ << "error: the management server restarted; this session's candidate and locks are "
-              "gone, and nothing of the candidate was committed"
+      err_ << "error: the management server ended this session (a restart, or kill-session); its "
+              "candidate and locks are gone, and nothing of the candidate was committed"
            << std::endl;
       if (request.has_candidate() && request.candidate().kind() != mgmt::CandidateRequest::SHOW) {
         return kExitFailed;

@@ -58,6 +58,14 @@ void NetconfMonitoring::CountRpc(uint32_t id, bool error) {
   }
 }
 
+void NetconfMonitoring::CountBadRpc(uint32_t id, bool answered) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  for (Counters* c : {&total_, &sessions_[id].counters}) {
+    ++c->inBadRpcs;
+    c->outRpcErrors += answered ? 1 : 0;
+  }
+}
+
 void NetconfMonitoring::CountNotifications(uint32_t id, uint32_t count) {
   if (count == 0) return;
   std::lock_guard<std::mutex> guard(mutex_);
@@ -87,7 +95,7 @@ bool NetconfMonitoring::Wanted(const lyd_node* filter) {
 
 lyd_node* NetconfMonitoring::Tree(ly_ctx* ctx, NetconfBridge& bridge, std::string* error) {
   ClientMessage request;
-  request.mutable_get_locks();
+  request.mutable_get_locks()->set_sessions(true);
   Response response;
   if (!bridge.Call(std::move(request), &response, error)) return nullptr;
   const nlohmann::json locks = nlohmann::json::parse(response.data(), nullptr, false);
@@ -115,6 +123,7 @@ lyd_node* NetconfMonitoring::Tree(ly_ctx* ctx, NetconfBridge& bridge, std::strin
     lyd_node* global = Inner(Inner(store, ncm, "locks"), ncm, "global-lock");
     Leaf(global, ncm, "locked-by-session", std::to_string(lock.value("netconf_session", 0u)));
     Leaf(global, ncm, "locked-time", Time(lock.value("since", int64_t{0})));
+    Leaf(global, own, "locked-by-management-session", std::to_string(lock.value("id", 0u)));
     Leaf(global, own, "locked-by-user", lock.value("user", ""));
     Leaf(global, own, "locked-by-client", lock.value("client", ""));
   }
@@ -134,6 +143,7 @@ lyd_node* NetconfMonitoring::Tree(ly_ctx* ctx, NetconfBridge& bridge, std::strin
 
   auto counters = [&](lyd_node* parent, const Counters& c) {
     Leaf(parent, ncm, "in-rpcs", std::to_string(c.inRpcs));
+    Leaf(parent, ncm, "in-bad-rpcs", std::to_string(c.inBadRpcs));
     Leaf(parent, ncm, "out-rpc-errors", std::to_string(c.outRpcErrors));
     Leaf(parent, ncm, "out-notifications", std::to_string(c.outNotifications));
   };
@@ -153,6 +163,27 @@ lyd_node* NetconfMonitoring::Tree(ly_ctx* ctx, NetconfBridge& bridge, std::strin
       Leaf(session, ncm, "login-time", Time(s.login));
       counters(session, s.counters);
     }
+    // The management protocol's sessions, after the NETCONF ones (their ids are all higher).
+    const nlohmann::json none = nlohmann::json::array();
+    const nlohmann::json& others =
+        locks.is_object() && locks.contains("sessions") ? locks["sessions"] : none;
+    for (const nlohmann::json& s : others) {
+      lyd_node* session = nullptr;
+      if (!s.is_object() || lyd_new_list(list, ncm, "session", 0, &session,
+                                         std::to_string(s.value("id", 0u)).c_str()) != LY_SUCCESS) {
+        continue;
+      }
+      Leaf(session, ncm, "transport", "pbr-netconf-monitoring:cli");
+      Leaf(session, ncm, "username", s.value("user", "?"));
+      Leaf(session, ncm, "login-time", Time(s.value("login", int64_t{0})));
+      Counters c;
+      c.inRpcs = s.value("requests", 0u);
+      c.inBadRpcs = s.value("malformed", 0u);
+      c.outRpcErrors = s.value("refusals", 0u);
+      counters(session, c);
+      if (const uint32_t pid = s.value("pid", 0u))
+        Leaf(session, own, "process-id", std::to_string(pid));
+    }
     Leaf(statistics, ncm, "netconf-start-time", Time(start_));
     Leaf(statistics, ncm, "in-sessions", std::to_string(inSessions_));
     counters(statistics, total_);
@@ -162,7 +193,9 @@ lyd_node* NetconfMonitoring::Tree(ly_ctx* ctx, NetconfBridge& bridge, std::strin
   lyd_node* streams = Inner(Inner(nullptr, ncn, "netconf"), ncn, "streams");
   lyd_node* stream = nullptr;
   lyd_new_list(streams, ncn, "stream", 0, &stream, "NETCONF");
-  Leaf(stream, ncn, "description", "configuration changes (netconf-config-change)");
+  Leaf(stream, ncn, "description",
+       "configuration changes and NETCONF sessions (netconf-config-change, "
+       "netconf-session-start, netconf-session-end)");
   Leaf(stream, ncn, "replaySupport", "false");
   lyd_node* first = state;
   lyd_insert_sibling(first, lyd_parent(streams), &first);

@@ -1,7 +1,8 @@
 // The NETCONF server's own state for <get>: ietf-netconf-monitoring's netconf-state (RFC 6022:
 // capabilities, datastores with their locks, sessions with counters, schemas, statistics),
-// nc-notifications' streams (RFC 5277) and ietf-yang-library (RFC 8525). Sessions register
-// here from their own threads; the locks come from the management server, whoever holds them.
+// nc-notifications' streams (RFC 5277) and ietf-yang-library (RFC 8525). NETCONF sessions
+// register here from their own threads; the locks, and the sessions of the management protocol
+// (pbr-cli's), come from the management server in one request.
 #pragma once
 
 #include <libnetconf2/session_server.h>
@@ -25,17 +26,21 @@ class NetconfMonitoring {
   void Ended(uint32_t id);
   // Counts an RPC of session `id`, and whether it was answered with an error.
   void CountRpc(uint32_t id, bool error);
+  // Counts a message of session `id` that was no valid rpc; `answered`: with an rpc-error.
+  void CountBadRpc(uint32_t id, bool answered);
   void CountNotifications(uint32_t id, uint32_t count);
 
   // Whether a <get> with this filter (null: none) may select any of what Tree builds.
   static bool Wanted(const lyd_node* filter);
-  // The state trees, in `ctx`; the locks are asked of the server through `bridge`. Null with
+  // The state trees, in `ctx`; the locks and the management protocol's sessions are asked of the
+  // server through `bridge`. Null with
   // *error when the server does not answer.
   lyd_node* Tree(ly_ctx* ctx, NetconfBridge& bridge, std::string* error);
 
  private:
   struct Counters {
     uint32_t inRpcs = 0;
+    uint32_t inBadRpcs = 0;
     uint32_t outRpcErrors = 0;
     uint32_t outNotifications = 0;
   };

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "element/mgmt/netconf_edit.h"
 #include "element/middleware/log.h"
@@ -69,16 +70,53 @@ lyd_node* ConfigChangeNotification(const ly_ctx* ctx, const CommitNotice& notice
   return notif;
 }
 
-void NetconfNotifications::Committed(CommitNotice notice) {
-  auto shared = std::make_shared<const CommitNotice>(std::move(notice));
+lyd_node* SessionNotification(const ly_ctx* ctx, const SessionNotice& notice) {
+  const lys_module* mod = ly_ctx_get_module_implemented(ctx, "ietf-netconf-notifications");
+  lyd_node* notif = nullptr;
+  if (!mod ||
+      lyd_new_inner(nullptr, mod, notice.ended ? "netconf-session-end" : "netconf-session-start", 0,
+                    &notif) != LY_SUCCESS) {
+    return nullptr;
+  }
+  bool ok = lyd_new_term(notif, mod, "username", notice.user.c_str(), 0, nullptr) == LY_SUCCESS &&
+            lyd_new_term(notif, mod, "session-id", std::to_string(notice.id).c_str(), 0, nullptr) ==
+                LY_SUCCESS;
+  // A peer the library names by something other than an address has no source-host.
+  if (ok && !notice.host.empty())
+    lyd_new_term(notif, mod, "source-host", notice.host.c_str(), 0, nullptr);
+  if (ok && notice.ended) {
+    if (notice.killedBy != 0) {
+      ok = lyd_new_term(notif, mod, "killed-by", std::to_string(notice.killedBy).c_str(), 0,
+                        nullptr) == LY_SUCCESS;
+    }
+    ok = ok && lyd_new_term(notif, mod, "termination-reason", notice.reason.c_str(), 0, nullptr) ==
+                   LY_SUCCESS;
+  }
+  if (!ok) {
+    lyd_free_all(notif);
+    return nullptr;
+  }
+  return notif;
+}
+
+void NetconfNotifications::Queue(const Notice& notice) {
   std::lock_guard<std::mutex> guard(mutex_);
   for (auto& [id, subscriber] : subscribers_) {
     if (subscriber.queue.size() >= kQueueLimit) {
       subscriber.queue.pop_front();
       ++subscriber.dropped;
     }
-    subscriber.queue.push_back(shared);
+    subscriber.queue.push_back(notice);
   }
+}
+
+void NetconfNotifications::Committed(CommitNotice notice) {
+  Queue(std::make_shared<const CommitNotice>(std::move(notice)));
+}
+
+void NetconfNotifications::SessionChanged(SessionNotice notice) {
+  if (subscribed_ == 0) return;
+  Queue(std::make_shared<const SessionNotice>(std::move(notice)));
 }
 
 nc_server_reply* NetconfNotifications::Subscribe(ly_ctx* ctx, nc_session* session,
@@ -123,7 +161,7 @@ bool NetconfNotifications::Subscribed(uint32_t id) {
 
 uint32_t NetconfNotifications::SendQueued(ly_ctx* ctx, nc_session* session) {
   const uint32_t id = nc_session_get_id(session);
-  std::deque<std::shared_ptr<const CommitNotice>> batch;
+  std::deque<Notice> batch;
   std::string xpath;
   uint64_t dropped = 0;
   {
@@ -138,8 +176,18 @@ uint32_t NetconfNotifications::SendQueued(ly_ctx* ctx, nc_session* session) {
     vqmw::Logger().warn("netconf: session {} fell behind: {} notifications dropped", id, dropped);
   }
   uint32_t sent = 0;
-  for (const auto& notice : batch) {
-    lyd_node* tree = ConfigChangeNotification(ctx, *notice);
+  for (const Notice& notice : batch) {
+    timespec when{};
+    lyd_node* tree = std::visit(
+        [&](const auto& n) {
+          when = n->time;
+          if constexpr (std::is_same_v<std::decay_t<decltype(*n)>, CommitNotice>) {
+            return ConfigChangeNotification(ctx, *n);
+          } else {
+            return SessionNotification(ctx, *n);
+          }
+        },
+        notice);
     if (!tree) continue;
     if (!xpath.empty()) {
       ly_set* set = nullptr;
@@ -152,7 +200,7 @@ uint32_t NetconfNotifications::SendQueued(ly_ctx* ctx, nc_session* session) {
       }
     }
     char* time = nullptr;
-    ly_time_ts2str(&notice->time, &time);
+    ly_time_ts2str(&when, &time);
     nc_server_notif* notif = nc_server_notif_new(tree, time, NC_PARAMTYPE_FREE);
     const NC_MSG_TYPE r = nc_server_notif_send(session, notif, 5000);
     nc_server_notif_free(notif);

@@ -1,7 +1,8 @@
-// NETCONF event notifications (RFC 5277): create-subscription on the NETCONF stream, and a
-// netconf-config-change (RFC 6470) for every commit, whoever made it. Commits are announced on
-// the server's loop, which only queues them; each subscribed session's own thread builds and
-// sends its notifications, so a slow subscriber holds up nobody but itself.
+// NETCONF event notifications (RFC 5277): create-subscription on the NETCONF stream, a
+// netconf-config-change (RFC 6470) for every commit, whoever made it, and netconf-session-start
+// and netconf-session-end for every NETCONF session. Commits are announced on the server's loop
+// and sessions on their own threads, which only queue them; each subscribed session's own thread
+// builds and sends its notifications, so a slow subscriber holds up nobody but itself.
 #pragma once
 
 #include <libnetconf2/messages_server.h>
@@ -15,10 +16,23 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <variant>
 
 #include "element/mgmt/commit_notice.h"
 
 namespace pbr::mgmt {
+
+// A NETCONF session that started or ended.
+struct SessionNotice {
+  bool ended = false;
+  uint32_t id = 0;
+  std::string user;
+  std::string host;  // empty: not an IP peer
+  timespec time{};
+  // Ended only: closed, killed, dropped, timeout or other; and who killed it.
+  std::string reason;
+  uint32_t killedBy = 0;
+};
 
 class NetconfNotifications : public CommitObserver {
  public:
@@ -36,11 +50,17 @@ class NetconfNotifications : public CommitObserver {
   uint32_t SendQueued(ly_ctx* ctx, nc_session* session);
   // Forgets the session's subscription, when it ends.
   void Unsubscribe(uint32_t id);
+  // Tells every subscriber of a session that started or ended (any thread).
+  void SessionChanged(SessionNotice notice);
 
  private:
+  using Notice =
+      std::variant<std::shared_ptr<const CommitNotice>, std::shared_ptr<const SessionNotice>>;
+  void Queue(const Notice& notice);
+
   struct Subscriber {
     std::string xpath;  // selects what is sent; empty: everything
-    std::deque<std::shared_ptr<const CommitNotice>> queue;
+    std::deque<Notice> queue;
     uint64_t dropped = 0;
   };
   std::mutex mutex_;
@@ -51,5 +71,7 @@ class NetconfNotifications : public CommitObserver {
 // The netconf-config-change notification of a commit, in `ctx` (which has
 // ietf-netconf-notifications); null when it cannot be built.
 lyd_node* ConfigChangeNotification(const ly_ctx* ctx, const CommitNotice& notice);
+// The netconf-session-start or netconf-session-end notification, likewise.
+lyd_node* SessionNotification(const ly_ctx* ctx, const SessionNotice& notice);
 
 }  // namespace pbr::mgmt

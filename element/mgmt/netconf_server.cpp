@@ -160,7 +160,7 @@ struct NetconfServer::Impl {
     uint32_t id;
     std::string user;
     std::unique_ptr<NetconfBridge> bridge;
-    std::atomic<bool> kill{false};
+    std::atomic<uint32_t> killedBy{0};  // set by kill-session of that session
   };
   struct Worker {
     std::thread thread;
@@ -389,12 +389,48 @@ void NetconfServer::Impl::AcceptLoop() {
   }
 }
 
+namespace {
+
+// What subscribers hear of `session` starting or ending; the reason an ended session gives.
+SessionNotice SessionEvent(const nc_session* session, bool ended) {
+  SessionNotice notice;
+  notice.ended = ended;
+  notice.id = nc_session_get_id(session);
+  const char* user = nc_session_get_username(session);
+  const char* host = nc_session_get_host(session);
+  notice.user = user ? user : "?";
+  // Only an address fits source-host; a UNIX peer has none.
+  if (host && nc_session_get_ti(session) != NC_TI_UNIX) notice.host = host;
+  clock_gettime(CLOCK_REALTIME, &notice.time);
+  switch (nc_session_get_term_reason(session)) {
+    case NC_SESSION_TERM_CLOSED:
+      notice.reason = "closed";
+      break;
+    case NC_SESSION_TERM_KILLED:
+      notice.reason = "killed";
+      break;
+    case NC_SESSION_TERM_DROPPED:
+      notice.reason = "dropped";
+      break;
+    case NC_SESSION_TERM_TIMEOUT:
+      notice.reason = "timeout";
+      break;
+    default:
+      notice.reason = "other";
+      break;
+  }
+  return notice;
+}
+
+}  // namespace
+
 void NetconfServer::Impl::RunSession(nc_session* session, Worker* worker) {
   SessionState state{this, nc_session_get_id(session),
                      nc_session_get_username(session) ? nc_session_get_username(session) : "?",
                      nullptr};
   state.bridge = std::make_unique<NetconfBridge>(server, state.user, &stopping, state.id);
   monitoring.Started(session);
+  notifications.SessionChanged(SessionEvent(session, false));
   nc_session_set_data(session, &state);
   {
     std::lock_guard<std::mutex> guard(mutex);
@@ -403,9 +439,11 @@ void NetconfServer::Impl::RunSession(nc_session* session, Worker* worker) {
   vqmw::Logger().info("netconf: session {} of {} started", state.id, state.user);
   nc_pollsession* ps = nc_ps_new();
   nc_ps_add_session(ps, session);
-  while (!stopping && !state.kill) {
+  while (!stopping && !state.killedBy) {
     // A subscriber polls more often, for its notifications to go out soon after each commit.
     const int r = nc_ps_poll(ps, notifications.Subscribed(state.id) ? 20 : 200, nullptr);
+    // The library answered a message it could not parse as an rpc itself.
+    if (r & NC_PSPOLL_BAD_RPC) monitoring.CountBadRpc(state.id, r & NC_PSPOLL_REPLY_ERROR);
     if (r & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR | NC_PSPOLL_NOSESSIONS |
              NC_PSPOLL_ERROR)) {
       break;
@@ -414,6 +452,14 @@ void NetconfServer::Impl::RunSession(nc_session* session, Worker* worker) {
   }
   notifications.Unsubscribe(state.id);
   monitoring.Ended(state.id);
+  SessionNotice end = SessionEvent(session, true);
+  if (state.killedBy) {
+    end.reason = "killed";
+    end.killedBy = state.killedBy;
+  } else if (stopping) {
+    end.reason = "other";
+  }
+  notifications.SessionChanged(std::move(end));
   nc_ps_free(ps);
   {
     std::lock_guard<std::mutex> guard(mutex);
@@ -769,13 +815,22 @@ nc_server_reply* NetconfServer::Impl::KillSession(SessionState& state, lyd_node*
   const lyd_node* idNode = Child(rpc, "session-id");
   const uint32_t id = idNode ? static_cast<uint32_t>(std::stoul(lyd_get_value(idNode))) : 0;
   if (id == state.id) return RpcError(ctx, NC_ERR_INVALID_VALUE, "a session cannot kill itself");
+  // A pbr-cli session, as netconf-state lists it: the server ends it.
+  if (id >= kProtocolSessionBase) {
+    ClientMessage request;
+    request.mutable_end_session()->set_id(id);
+    Response response;
+    nc_server_reply* reply = nullptr;
+    if (!Call(state, std::move(request), &response, &reply, NC_ERR_INVALID_VALUE)) return reply;
+    return nc_server_reply_ok();
+  }
   std::lock_guard<std::mutex> guard(mutex);
   auto it = sessions.find(id);
   if (it == sessions.end()) {
     return RpcError(ctx, NC_ERR_INVALID_VALUE, "no session " + std::to_string(id));
   }
   // Its thread ends it at its next poll, which releases its locks and candidate.
-  it->second->kill = true;
+  it->second->killedBy = state.id;
   return nc_server_reply_ok();
 }
 

@@ -145,6 +145,11 @@ struct Server::Impl {
     std::string client = "cli";  // what the history records commits as made with
     uint32_t netconfId = 0;      // its NETCONF session, when it serves one
     bool inProcess = false;      // adopted: may take trees handed over in the process
+    time_t login = 0;
+    // For netconf-state: requests, malformed messages and refusals.
+    uint32_t requests = 0;
+    uint32_t malformed = 0;
+    uint32_t refusals = 0;
     std::unique_ptr<SessionCandidate> candidate;  // created by the first candidate edit
     std::string app;
     pid_t pid = 0;
@@ -309,8 +314,9 @@ struct Server::Impl {
   void HandleRollback(Session& session, uint64_t request, const Rollback& rollback);
   // The refusal when another session holds `lock`; empty when the session may go on.
   std::string LockedBy(uint64_t lock, const Session& session, const char* what) const;
-  // Who holds the locks, as GetLocks answers.
-  std::string LocksJson() const;
+  // Who holds the locks, and with `sessions` the sessions NETCONF does not list, as GetLocks
+  // answers.
+  std::string LocksJson(bool sessions) const;
   // The notice of a commit about to be applied, for the observer.
   CommitNotice NoticeOf(const Candidate& candidate, const Session& session) const;
   CommitRecord RecordOf(const Candidate& candidate, const CommitInfo& info, const Session& session,
@@ -343,6 +349,7 @@ struct Server::Impl {
   void HandleGetOperational(Session& session, uint64_t request, const GetOperational& get);
   void HandleDataReply(Session& session, const DataReply& reply);
   void HandleDebug(Session& session, uint64_t request, const Debug& debug);
+  void HandleEndSession(Session& session, uint64_t request, uint32_t id);
   void FinishCommitIfDone(uint64_t seqNo);
   // Folds the journal into the stored configuration once it is due and no commit is pending.
   void CompactWhenIdle();
@@ -488,6 +495,7 @@ Server::Impl::Session* Server::Impl::AddSession(int fd, std::string user) {
   session->user = std::move(user);
   session->id = nextSession++;
   session->fd = fd;
+  session->login = ::time(nullptr);
   if (sd_event_add_io(event, &session->io, fd, EPOLLIN, OnSessionIo, session.get()) < 0) {
     ::close(fd);
     return nullptr;
@@ -655,6 +663,7 @@ void Server::Impl::Respond(Session& session, uint64_t request, const CommitError
   response->set_id(request);
   response->set_ok(error == nullptr);
   if (error) {
+    ++session.refusals;
     response->mutable_error()->set_message(error->message);
     response->mutable_error()->set_path(error->path);
   }
@@ -719,11 +728,13 @@ void Server::Impl::Close(uint64_t sessionId) {
 void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
   ClientMessage message;
   if (!message.ParseFromString(payload)) {
+    ++session.malformed;
     CommitError error{"malformed message", ""};
     Respond(session, 0, &error);
     return;
   }
   const uint64_t request = message.id();
+  ++session.requests;
   CommitError error;
   switch (message.body_case()) {
     case ClientMessage::kAttach:
@@ -787,13 +798,16 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
       HandleSetEntries(session, request, message.set_entries());
       return;
     case ClientMessage::kGetLocks:
-      Respond(session, request, nullptr, LocksJson());
+      Respond(session, request, nullptr, LocksJson(message.get_locks().sessions()));
       return;
     case ClientMessage::kGetOperational:
       HandleGetOperational(session, request, message.get_operational());
       return;
     case ClientMessage::kDebug:
       HandleDebug(session, request, message.debug());
+      return;
+    case ClientMessage::kEndSession:
+      HandleEndSession(session, request, message.end_session().id());
       return;
     case ClientMessage::BODY_NOT_SET:
       break;
@@ -995,23 +1009,55 @@ CommitNotice Server::Impl::NoticeOf(const Candidate& candidate, const Session& s
   return notice;
 }
 
+namespace {
+
+// How NETCONF knows a session: its NETCONF session id, or past kProtocolSessionBase.
+uint32_t VisibleId(uint64_t id, uint32_t netconfId) {
+  return netconfId ? netconfId
+                   : kProtocolSessionBase + static_cast<uint32_t>(id % kProtocolSessionBase);
+}
+
+}  // namespace
+
 std::string Server::Impl::LockedBy(uint64_t lock, const Session& session, const char* what) const {
   if (lock == 0 || lock == session.id) return {};
   auto holder = sessions.find(lock);
-  std::string who = "user " + (holder != sessions.end() ? holder->second->user : "?");
-  if (holder != sessions.end() && holder->second->netconfId != 0) {
-    who += ", NETCONF session " + std::to_string(holder->second->netconfId);
+  if (holder == sessions.end()) {
+    return std::string("the ") + what + " is locked by session " + std::to_string(lock);
   }
-  return std::string("the ") + what + " is locked by session " + std::to_string(lock) + " (" + who +
-         ")";
+  const Session& s = *holder->second;
+  return std::string("the ") + what + " is locked by " +
+         (s.netconfId ? "NETCONF session " : "session ") +
+         std::to_string(VisibleId(s.id, s.netconfId)) + " (user " + s.user + ", " + s.client + ")";
 }
 
-std::string Server::Impl::LocksJson() const {
+void Server::Impl::HandleEndSession(Session& session, uint64_t request, uint32_t id) {
+  // Only the sessions GetLocks lists: NETCONF ends its own, and daemons are not operators'.
+  auto it = std::find_if(sessions.begin(), sessions.end(), [&](const auto& entry) {
+    const Session& s = *entry.second;
+    return s.netconfId == 0 && !s.attached && VisibleId(s.id, 0) == id;
+  });
+  CommitError error;
+  if (it == sessions.end() || it->first == session.id) {
+    error = {it == sessions.end() ? "no session " + std::to_string(id)
+                                  : std::string("a session cannot end itself"),
+             ""};
+    Respond(session, request, &error);
+    return;
+  }
+  vqmw::Logger().info("session {} (user {}) ended session {} (user {})", session.id, session.user,
+                      it->first, it->second->user);
+  Close(it->first);
+  Respond(session, request, nullptr);
+}
+
+std::string Server::Impl::LocksJson(bool withSessions) const {
   nlohmann::json locks = nlohmann::json::object();
   auto add = [&](const char* name, uint64_t holder, time_t since) {
     auto it = sessions.find(holder);
     if (holder == 0 || it == sessions.end()) return;
     locks[name] = {{"session", holder},
+                   {"id", VisibleId(holder, it->second->netconfId)},
                    {"netconf_session", it->second->netconfId},
                    {"user", it->second->user},
                    {"client", it->second->client},
@@ -1019,6 +1065,21 @@ std::string Server::Impl::LocksJson() const {
   };
   add("running", runningLock, runningLockSince);
   add("candidate", candidateLock, candidateLockSince);
+  if (!withSessions) return locks.dump();
+  // Operator sessions only: NETCONF lists its own, and daemons hold no locks or candidates.
+  nlohmann::json list = nlohmann::json::array();
+  for (const auto& [id, s] : sessions) {
+    if (s->netconfId != 0 || s->attached) continue;
+    list.push_back({{"id", VisibleId(id, 0)},
+                    {"user", s->user},
+                    {"client", s->client},
+                    {"pid", s->pid},
+                    {"login", static_cast<int64_t>(s->login)},
+                    {"requests", s->requests},
+                    {"malformed", s->malformed},
+                    {"refusals", s->refusals}});
+  }
+  locks["sessions"] = std::move(list);
   return locks.dump();
 }
 
@@ -1365,6 +1426,7 @@ void Server::Impl::HandleLock(Session& session, uint64_t request, const LockRequ
     Response* response = message.mutable_response();
     response->set_id(request);
     response->mutable_error()->set_message(locked);
+    ++session.refusals;
     if (auto it = sessions.find(holder); it != sessions.end()) {
       response->mutable_error()->set_lock_holder_netconf_session(it->second->netconfId);
     }

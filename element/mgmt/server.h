@@ -18,6 +18,11 @@
 
 namespace pbr::mgmt {
 
+// Sessions of the management protocol that serve no NETCONF session (pbr-cli and other tools)
+// are known to NETCONF, in netconf-state and in refusals, as this plus their session number
+// below it: libnetconf2 numbers its sessions from 1 up and would need 2^31 of them to get there.
+constexpr uint32_t kProtocolSessionBase = 1u << 31;
+
 struct ServerOptions {
   std::string runtimeDir;  // mgmt.sock and mgmt.lock
   std::string stateDir;    // running.json

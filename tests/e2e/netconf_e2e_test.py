@@ -52,8 +52,12 @@ class Raw:
                 return out
             self.notifications.append(out)
 
-    def notification(self):
-        return self.notifications.pop(0) if self.notifications else self.message()
+    def notification(self, pattern="<notification"):
+        """The next notification that `pattern` finds; those before it are dropped."""
+        while True:
+            out = self.notifications.pop(0) if self.notifications else self.message()
+            if re.search(pattern, out):
+                return out
 
     def close(self):
         self.sock.close()
@@ -72,6 +76,8 @@ def edit(target, config, extra=""):
 RUNNING = "<get-config><source><running/></source></get-config>"
 SUBSCRIBE = '<create-subscription xmlns="urn:ietf:params:xml:ns:netconf:notification:1.0"/>'
 LOCK = "<lock><target><running/></target></lock>"
+STATE = ('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:params:xml:ns:yang:'
+         'ietf-netconf-monitoring"><datastores/><sessions/></netconf-state></filter></get>')
 
 
 class NetconfTest(unittest.TestCase):
@@ -206,8 +212,7 @@ class NetconfTest(unittest.TestCase):
         self.assertIn("<ok/>", self.nc.rpc(LOCK))
         refused = self.cli("set", "/router/pbr{8}/rule/priority", "8")
         self.assertNotEqual(refused.returncode, 0)
-        self.assertIn("locked by session", refused.stderr)
-        self.assertIn(f"NETCONF session {self.nc.id})", refused.stderr)
+        self.assertIn(f"locked by NETCONF session {self.nc.id} (user ", refused.stderr)
         # Another session is refused the lock (naming the holder) and its edits; the lock ends
         # with its session.
         other = Raw(self.sock)
@@ -215,9 +220,10 @@ class NetconfTest(unittest.TestCase):
         self.assertIn("lock-denied", denied)
         self.assertIn(f"<session-id>{self.nc.id}</session-id>", denied)
         self.assertIn("in-use", other.rpc(edit("running", rule(8, 8))))
-        state = other.rpc('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:params:xml:'
-                          'ns:yang:ietf-netconf-monitoring"><datastores/><sessions/></netconf-state>'
-                          "</filter></get>")
+        # An rpc no module defines is refused by the library and counted as a bad rpc.
+        self.assertIn("<rpc-error>", other.rpc("<frobnicate/>"))
+        state = other.rpc(STATE)
+        self.assertRegex(state, rf"<session-id>{other.id}</session-id>.*?<in-bad-rpcs>1<")
         self.assertRegex(state, rf"<name>running</name><locks><global-lock><locked-by-session>"
                                 rf"{self.nc.id}</locked-by-session><locked-time>")
         for sid in (self.nc.id, other.id):
@@ -236,6 +242,18 @@ class NetconfTest(unittest.TestCase):
             shell.stdin.write("lock running\n")
             shell.stdin.flush()
             self.assertEqual("locked", shell.stdout.readline().strip())
+            # The shell is a session of netconf-state, past every NETCONF session id, and the
+            # lock and every refusal name it by that id (session-id 0 where NETCONF wants it).
+            state = self.nc.rpc(STATE)
+            cli = re.search(r"<session><session-id>(\d+)</session-id><transport[^>]*>\w+:cli<"
+                            r"/transport><username>\w+</username><login-time>[^<]+</login-time>"
+                            r"<in-rpcs>1</in-rpcs>.*?<process-id[^>]*>%d<" % shell.pid, state)
+            self.assertIsNotNone(cli, state)
+            cli = int(cli.group(1))
+            self.assertGreaterEqual(cli, 1 << 31)
+            self.assertRegex(state, r"<locked-by-session>0</locked-by-session><locked-time>[^<]+"
+                                    rf"</locked-time><locked-by-management-session[^>]*>{cli}<.*"
+                                    r"<locked-by-client[^>]*>cli</locked-by-client>")
             self.nc.rpc(edit("candidate", rule(13, 13)))
             cases = [(LOCK, "lock-denied"), (edit("running", rule(13, 13)), "in-use"),
                      ("<commit/>", "in-use")]
@@ -243,18 +261,39 @@ class NetconfTest(unittest.TestCase):
                 with self.subTest(body=body):
                     reply = self.nc.rpc(body)
                     self.assertIn(tag, reply)
-                    self.assertRegex(reply, r"locked by session \d+ \(user \w+\)")
+                    self.assertRegex(reply, rf"locked by session {cli} \(user \w+, cli\)")
             self.assertIn("<session-id>0</session-id>", self.nc.rpc(LOCK))
-            state = self.nc.rpc('<get><filter type="subtree"><netconf-state xmlns="urn:ietf:'
-                                'params:xml:ns:yang:ietf-netconf-monitoring"><datastores/>'
-                                "</netconf-state></filter></get>")
-            self.assertRegex(state, r"<locked-by-session>0</locked-by-session>.*"
-                                    r"<locked-by-client[^>]*>cli</locked-by-client>")
+            # kill-session by that id ends the shell's session, and its lock with it.
+            kill = f"<kill-session><session-id>{cli}</session-id></kill-session>"
+            self.assertIn("<ok/>", self.nc.rpc(kill))
+            self.assertIn("invalid-value", self.nc.rpc(kill))
+            self.assertIn("<ok/>", self.nc.rpc(LOCK))
         finally:
             shell.stdin.close()
             shell.wait(timeout=10)
             shell.stdout.close()
+        self.wait_for(lambda: f"<session-id>{cli}<" not in self.nc.rpc(STATE))
         self.nc.rpc("<discard-changes/>")
+
+    def test_sessions_starting_and_ending_are_notified(self):
+        sub = Raw(self.sock)
+        self.assertIn("<ok/>", sub.rpc(SUBSCRIBE))
+        ends = [(lambda s: s.rpc("<close-session/>"), "closed", ""),
+                (lambda s: self.nc.rpc(f"<kill-session><session-id>{s.id}</session-id>"
+                                       "</kill-session>"), "killed",
+                 f"<killed-by>{self.nc.id}</killed-by>"),
+                (lambda s: s.close(), "dropped", "")]
+        for end, reason, killer in ends:
+            with self.subTest(reason=reason):
+                other = Raw(self.sock)
+                mine = rf"<session-id>{other.id}</session-id>"
+                self.assertRegex(sub.notification("netconf-session-start.*" + mine),
+                                 rf"<username>\w+</username>{mine}</netconf-session-start>")
+                end(other)
+                self.assertRegex(sub.notification("netconf-session-end.*" + mine),
+                                 rf"{mine}{killer}<termination-reason>{reason}<")
+                other.close()
+        sub.close()
 
     def test_commits_of_every_client_are_notified(self):
         sub = Raw(self.sock)
@@ -280,7 +319,7 @@ class NetconfTest(unittest.TestCase):
         for commit, by, rid, op in commits:
             with self.subTest(op=op):
                 commit()
-                notif = sub.notification()
+                notif = sub.notification("netconf-config-change")
                 self.assertIn("<netconf-config-change", notif)
                 self.assertRegex(notif, by)
                 self.assertIn("<datastore>running</datastore>", notif)
@@ -288,10 +327,11 @@ class NetconfTest(unittest.TestCase):
         # The server's own undoing of an unconfirmed commit.
         self.nc.rpc(edit("candidate", rule(15, 15)))
         self.nc.rpc("<commit><confirmed/><confirm-timeout>1</confirm-timeout></commit>")
-        self.assertIn("<session-id>", sub.notification())
-        self.assertRegex(sub.notification(), r"<changed-by><server/></changed-by>.*<operation>"
-                                             r"delete</operation>")
+        self.assertIn("<session-id>", sub.notification("netconf-config-change"))
+        self.assertRegex(sub.notification("netconf-config-change"),
+                         r"<changed-by><server/></changed-by>.*<operation>delete</operation>")
         self.cli("set", "/router/pbr{17}/rule/priority", "17")
+        # The filter keeps out the other sessions' starts and ends too.
         self.assertRegex(cli_only.notification(), target % 14)
         self.assertRegex(cli_only.notification(), target % 17)
         sub.close()
@@ -336,14 +376,22 @@ class NetconfTest(unittest.TestCase):
         from ncclient import manager
         import ncclient.transport.ssh
         ncclient.transport.ssh.TICK = 0.005
+        sub = Raw(self.sock)
+        self.assertIn("<ok/>", sub.rpc(SUBSCRIBE))
         with manager.connect_ssh("127.0.0.1", self.port, username=pwd.getpwuid(os.geteuid()).pw_name,
                                  key_filename=self.key, hostkey_verify=False, allow_agent=False,
                                  look_for_keys=False, timeout=20) as m:
+            mine = rf"<session-id>{m.session_id}</session-id>"
+            self.assertRegex(sub.notification("netconf-session-start.*" + mine),
+                             mine + r"<source-host>127.0.0.1</source-host>")
             m.edit_config(target="candidate", config=f'<config xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">'
                           f"{rule(12, 120)}</config>")
             m.commit()
             self.assertIn("<priority>120</priority>", m.get_config(source="running").xml)
             self.assertIn("module pbr", m.get_schema("pbr").data)
+        self.assertRegex(sub.notification("netconf-session-end.*" + mine),
+                         mine + r"<source-host>127.0.0.1</source-host><termination-reason>closed<")
+        sub.close()
 
 
 if __name__ == "__main__":

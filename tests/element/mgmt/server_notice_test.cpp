@@ -1,6 +1,6 @@
 // What the server tells its commit observer and NETCONF about commits and locks, through
 // sessions adopted as NETCONF's are: who committed over which session, one edit per changed
-// rule, the server's own undoing, and the lock holder's NETCONF session.
+// rule, the server's own undoing, and how lock holders and the CLI's sessions are named.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -119,22 +119,45 @@ TEST_F(ServerNoticeTest, CommitsAreToldWithTheirAuthorAndOneEditPerRule) {
   }
 }
 
-TEST_F(ServerNoticeTest, LocksNameTheHolderNetconfSession) {
+TEST_F(ServerNoticeTest, LocksAndSessionsNameEachSessionAsNetconfKnowsIt) {
   const int holder = Adopt(7);
   const int other = Adopt(9);
+  const int cli = Adopt(0);
   ASSERT_TRUE(Lock(holder).ok());
   const Response refused = Lock(other);
   EXPECT_FALSE(refused.ok());
   EXPECT_EQ(refused.error().lock_holder_netconf_session(), 7u);
-  EXPECT_NE(refused.error().message().find("(user alice, NETCONF session 7)"), std::string::npos);
+  EXPECT_NE(refused.error().message().find("locked by NETCONF session 7 (user alice, netconf)"),
+            std::string::npos);
+
+  // The CLI's session is known past every NETCONF session id, in refusals too.
+  ClientMessage lockCandidate;
+  lockCandidate.mutable_lock()->set_target(LockRequest::CANDIDATE);
+  ASSERT_TRUE(Call(cli, lockCandidate).ok());
+  const Response denied = Call(other, lockCandidate);
+  EXPECT_EQ(denied.error().lock_holder_netconf_session(), 0u);
 
   ClientMessage get;
-  get.mutable_get_locks();
+  get.mutable_get_locks()->set_sessions(true);
   const auto locks = nlohmann::json::parse(Call(other, get).data());
   EXPECT_EQ(locks["running"]["netconf_session"], 7);
+  EXPECT_EQ(locks["running"]["id"], 7);
   EXPECT_EQ(locks["running"]["client"], "netconf");
   EXPECT_GT(locks["running"]["since"].get<int64_t>(), 0);
-  EXPECT_FALSE(locks.contains("candidate"));
+  const uint32_t cliId = locks["candidate"]["id"];
+  EXPECT_GT(cliId, kProtocolSessionBase);
+  EXPECT_EQ(locks["candidate"]["netconf_session"], 0);
+  EXPECT_NE(denied.error().message().find("locked by session " + std::to_string(cliId) +
+                                          " (user alice, cli)"),
+            std::string::npos);
+  // Only the session that serves no NETCONF session is listed, with what it asked.
+  ASSERT_EQ(locks["sessions"].size(), 1u);
+  const auto& listed = locks["sessions"][0];
+  EXPECT_EQ(listed["id"], cliId);
+  EXPECT_EQ(listed["user"], "alice");
+  EXPECT_EQ(listed["requests"], 1);
+  EXPECT_EQ(listed["refusals"], 0);
+  EXPECT_GT(listed["login"].get<int64_t>(), 0);
 }
 
 }  // namespace
