@@ -45,11 +45,9 @@ bool HasOperations(const lyd_node* tree) {
   return false;
 }
 
-// Takes `node` out of the edit (whose first top-level sibling is *edit) and puts it, without
-// its operations, below `parent` or, when that is null, among the top-level siblings `*top`.
-void Move(lyd_node* node, lyd_node** edit, lyd_node* parent, lyd_node** top) {
-  if (*edit == node) *edit = node->next;
-  lyd_unlink_tree(node);
+// Puts `node` (unlinked), without its operations, below `parent` or, when that is null, among
+// the top-level siblings `*top`.
+void Insert(lyd_node* node, lyd_node* parent, lyd_node** top) {
   StripOperations(node);
   if (parent) {
     lyd_insert_child(parent, node);
@@ -58,6 +56,13 @@ void Move(lyd_node* node, lyd_node** edit, lyd_node* parent, lyd_node** top) {
   } else {
     *top = node;
   }
+}
+
+// Takes `node` out of the edit (whose first top-level sibling is *edit) and inserts it.
+void Move(lyd_node* node, lyd_node** edit, lyd_node* parent, lyd_node** top) {
+  if (*edit == node) *edit = node->next;
+  lyd_unlink_tree(node);
+  Insert(node, parent, top);
 }
 
 void Remove(lyd_node** top, lyd_node* node) {
@@ -117,14 +122,7 @@ bool ApplyNode(lyd_node* edit, lyd_node** editTop, EditOp inherited, lyd_node* p
   }
   if (!match) {
     lyd_dup_single(edit, nullptr, 0, &match);  // a list entry keeps its keys
-    StripOperations(match);
-    if (parent) {
-      lyd_insert_child(parent, match);
-    } else if (*top) {
-      lyd_insert_sibling(*top, match, top);
-    } else {
-      *top = match;
-    }
+    Insert(match, parent, top);
   }
   for (lyd_node *child = lyd_child(edit), *next; child; child = next) {
     next = child->next;
