@@ -45,6 +45,32 @@ bool HasOperations(const lyd_node* tree) {
   return false;
 }
 
+void Remove(lyd_node** top, lyd_node* node) {
+  if (*top == node) *top = node->next;
+  lyd_free_tree(node);
+}
+
+// The case of `choice` that holds `schema`; null when none does.
+const lysc_node* CaseOf(const lysc_node* schema, const lysc_node* choice) {
+  for (const lysc_node* s = schema; s; s = s->parent) {
+    if (s->parent == choice) return s;
+  }
+  return nullptr;
+}
+
+// A node created in one case of a choice deletes the nodes of its other cases (RFC 7950 7.9).
+void DropOtherCases(lyd_node* node, lyd_node** top) {
+  for (const lysc_node* s = node->schema;
+       s->parent && (s->parent->nodetype & (LYS_CASE | LYS_CHOICE)); s = s->parent) {
+    if (s->parent->nodetype != LYS_CHOICE) continue;
+    for (lyd_node *sibling = lyd_first_sibling(node), *next; sibling; sibling = next) {
+      next = sibling->next;
+      const lysc_node* theirs = sibling->schema ? CaseOf(sibling->schema, s->parent) : nullptr;
+      if (theirs && theirs != s) Remove(top, sibling);
+    }
+  }
+}
+
 // Puts `node` (unlinked), without its operations, below `parent` or, when that is null, among
 // the top-level siblings `*top`.
 void Insert(lyd_node* node, lyd_node* parent, lyd_node** top) {
@@ -56,6 +82,7 @@ void Insert(lyd_node* node, lyd_node* parent, lyd_node** top) {
   } else {
     *top = node;
   }
+  DropOtherCases(node, top);
 }
 
 // Takes `node` out of the edit (whose first top-level sibling is *edit) and inserts it.
@@ -63,11 +90,6 @@ void Move(lyd_node* node, lyd_node** edit, lyd_node* parent, lyd_node** top) {
   if (*edit == node) *edit = node->next;
   lyd_unlink_tree(node);
   Insert(node, parent, top);
-}
-
-void Remove(lyd_node** top, lyd_node* node) {
-  if (*top == node) *top = node->next;
-  lyd_free_tree(node);
 }
 
 // Nodes the result takes as they are move out of the edit, which the caller then discards.

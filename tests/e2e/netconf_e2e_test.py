@@ -184,6 +184,12 @@ class NetconfTest(unittest.TestCase):
                                   r"</description>.*<ip>192.0.2.7</ip>")
         self.assertIn("<priority>22</priority>", running)
         self.assertNotIn("<id>3</id>", running)
+        # A node of one case of a choice deletes those of the other cases.
+        source = "<match><source><ipv4-address><{0}><ip>{1}</ip></{0}></ipv4-address></source></match>"
+        for case, ip in (("no-mask", "10.0.0.1"), ("mask", "10.0.0.0/8")):
+            self.assertIn("<ok/>", self.nc.rpc(edit("running", f"<router {NS}><pbr><id>1</id><rule>"
+                                                    + source.format(case, ip) + "</rule></pbr></router>")))
+        self.assertIn(source.format("mask", "10.0.0.0/8"), self.nc.rpc(RUNNING))
 
     def test_refusals_carry_tag_and_path_and_change_nothing(self):
         self.nc.rpc(edit("running", rule(1, 10)))
