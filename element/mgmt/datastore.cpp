@@ -1,5 +1,7 @@
 #include "element/mgmt/datastore.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -567,9 +569,27 @@ void Datastore::Diff(const Candidate& candidate, ChangeList* out) const {
   }
 }
 
+uint64_t Datastore::ChangedAt(const lyd_node* entry) const {
+  const EntryKey key = EntryKey::Of(entry);
+  if (auto list = index_.find(entry->schema); list != index_.end()) {
+    if (auto it = list->second.find(key); it != list->second.end()) {
+      return std::max(wholeAt_,
+                      static_cast<uint64_t>(reinterpret_cast<uintptr_t>(it->second->priv)));
+    }
+  }
+  if (auto list = deletedAt_.find(entry->schema); list != deletedAt_.end()) {
+    if (auto it = list->second.find(key); it != list->second.end()) {
+      return std::max(wholeAt_, it->second);
+    }
+  }
+  return wholeAt_;
+}
+
 void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
   ++generation_;
   if (candidate->whole) {
+    wholeAt_ = generation_;
+    deletedAt_.clear();
     lyd_free_siblings(running_);
     running_ = candidate->tree;
     candidate->tree = nullptr;
@@ -584,7 +604,11 @@ void Datastore::Apply(std::unique_ptr<Candidate> candidate) {
         lyd_free_tree(it->second);
         index.erase(it);
       }
-      if (!entry) continue;
+      if (!entry) {
+        deletedAt_[list][key] = generation_;
+        continue;
+      }
+      entry->priv = reinterpret_cast<void*>(static_cast<uintptr_t>(generation_));
       lyd_unlink_tree(entry);
       lyd_node* parent = FindTop(&running_, module_, list->parent, true);
       lyd_insert_child(parent, entry);

@@ -126,6 +126,9 @@ class Datastore {
   const lys_module* module() const { return module_; }
   // Counts the commits applied: equal counts mean an unchanged running configuration.
   uint64_t generation() const { return generation_; }
+  // The generation of the last commit that set or deleted the list entry `entry` names (any
+  // version of it: its schema and keys); 0 for none since the server started.
+  uint64_t ChangedAt(const lyd_node* entry) const;
 
  private:
   using Index = std::map<EntryKey, lyd_node*>;
@@ -155,6 +158,10 @@ class Datastore {
   const lys_module* module_;
   lyd_node* running_ = nullptr;  // first top-level sibling
   uint64_t generation_ = 0;
+  // Each running entry holds the generation that set it in its `priv`; deletions are kept here,
+  // and a whole replace counts as a change of every entry.
+  std::map<const lysc_node*, std::map<EntryKey, uint64_t>> deletedAt_;
+  uint64_t wholeAt_ = 0;
   // Entries of each list below a top-level container, in key order.
   std::map<const lysc_node*, Index> index_;
 };

@@ -203,12 +203,13 @@ struct NetconfServer::Impl {
   // The configuration of "running" or "candidate" (this session's view of it) as a tree; with
   // `entries`, only the list entries they name (keypaths).
   bool Config(SessionState& state, const std::string& which, lyd_node** tree,
-              nc_server_reply** reply, const std::vector<std::string>* entries = nullptr);
+              nc_server_reply** reply, const std::vector<std::string>* entries = nullptr,
+              uint64_t* generation = nullptr);
   // Makes `target` hold `*next`, given that it holds `current` now (whole configurations or the
-  // same list entries of both; `*next` may be taken); `validate`: a candidate's entries are
-  // validated now.
+  // same list entries of both; `*next` may be taken), read at `readGeneration`; `validate`: a
+  // candidate's entries are validated now.
   nc_server_reply* Store(SessionState& state, const std::string& target, const lyd_node* current,
-                         lyd_node** next, bool validate = true);
+                         lyd_node** next, uint64_t readGeneration, bool validate = true);
 
   nc_server_reply* GetConfig(SessionState& state, lyd_node* rpc, bool withState);
   // get or get-config of everything, without a filter or defaults to add.
@@ -522,7 +523,8 @@ nc_server_reply* NetconfServer::Impl::Refusal(const Error& error, NC_ERR tag) {
   const std::string& message = error.message();
   // Someone else's lock or changes stand in the way.
   if (message.find("is locked by") != std::string::npos ||
-      message.find("has uncommitted changes") != std::string::npos) {
+      message.find("has uncommitted changes") != std::string::npos ||
+      message.find("since this edit read it") != std::string::npos) {
     tag = tag == NC_ERR_LOCK_DENIED ? tag : NC_ERR_IN_USE;
   }
   std::string path = error.path();
@@ -533,7 +535,8 @@ nc_server_reply* NetconfServer::Impl::Refusal(const Error& error, NC_ERR tag) {
 }
 
 bool NetconfServer::Impl::Config(SessionState& state, const std::string& which, lyd_node** tree,
-                                 nc_server_reply** reply, const std::vector<std::string>* entries) {
+                                 nc_server_reply** reply, const std::vector<std::string>* entries,
+                                 uint64_t* generation) {
   ClientMessage get;
   get.mutable_get_running()->set_candidate(which == "candidate");
   if (entries) {
@@ -543,6 +546,7 @@ bool NetconfServer::Impl::Config(SessionState& state, const std::string& which, 
   }
   Response response;
   if (!Call(state, get, &response, reply)) return false;
+  if (generation) *generation = response.generation();
   if (lyd_parse_data_mem(ctx, response.data().c_str(), LYD_JSON, LYD_PARSE_ONLY | LYD_PARSE_STRICT,
                          0, tree) != LY_SUCCESS) {
     *reply = RpcError(ctx, NC_ERR_OP_FAILED, "cannot read the " + which + " configuration");
@@ -553,7 +557,7 @@ bool NetconfServer::Impl::Config(SessionState& state, const std::string& which, 
 
 nc_server_reply* NetconfServer::Impl::Store(SessionState& state, const std::string& target,
                                             const lyd_node* current, lyd_node** next,
-                                            bool validate) {
+                                            uint64_t readGeneration, bool validate) {
   EntryUpdate changes = ChangedEntries(current, next, server->Context());
   if (changes.empty()) return nc_server_reply_ok();
   ClientMessage request;
@@ -564,6 +568,7 @@ nc_server_reply* NetconfServer::Impl::Store(SessionState& state, const std::stri
   *set->mutable_deleted() = {changes.deleted.begin(), changes.deleted.end()};
   set->set_candidate(target == "candidate");
   set->set_validate(validate);
+  set->set_read_generation(readGeneration);
   Response response;
   nc_server_reply* reply = nullptr;
   const bool stored = Call(state, std::move(request), &response, &reply, NC_ERR_INVALID_VALUE);
@@ -699,7 +704,10 @@ nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* 
   const bool whole = defaultOp == "replace" || !EditedEntries(edit.tree, &entries);
   TreeOwner current;
   nc_server_reply* reply = nullptr;
-  if (!Config(state, target, &current.tree, &reply, whole ? nullptr : &entries)) return reply;
+  uint64_t generation = 0;
+  if (!Config(state, target, &current.tree, &reply, whole ? nullptr : &entries, &generation)) {
+    return reply;
+  }
   TreeOwner next;
   if (defaultOp != "replace" && current.tree) {
     lyd_dup_siblings(current.tree, nullptr, LYD_DUP_RECURSIVE, &next.tree);
@@ -716,7 +724,7 @@ nc_server_reply* NetconfServer::Impl::EditConfig(SessionState& state, lyd_node* 
     }
     return nc_server_reply_ok();
   }
-  return Store(state, target, current.tree, &next.tree, testOption != "set");
+  return Store(state, target, current.tree, &next.tree, generation, testOption != "set");
 }
 
 nc_server_reply* NetconfServer::Impl::CopyConfig(SessionState& state, lyd_node* rpc) {
@@ -727,7 +735,8 @@ nc_server_reply* NetconfServer::Impl::CopyConfig(SessionState& state, lyd_node* 
   }
   TreeOwner current, next;
   nc_server_reply* reply = nullptr;
-  if (!Config(state, target, &current.tree, &reply)) return reply;
+  uint64_t generation = 0;
+  if (!Config(state, target, &current.tree, &reply, nullptr, &generation)) return reply;
   std::string why;
   if (source == "config") {
     std::string where;
@@ -742,7 +751,7 @@ nc_server_reply* NetconfServer::Impl::CopyConfig(SessionState& state, lyd_node* 
   if (!ValidateConfig(ctx, &next.tree, &failure)) {
     return RpcError(ctx, failure.tag, failure.message, failure.path);
   }
-  return Store(state, target, current.tree, &next.tree);
+  return Store(state, target, current.tree, &next.tree, generation);
 }
 
 nc_server_reply* NetconfServer::Impl::Lock(SessionState& state, lyd_node* rpc, bool unlock) {

@@ -310,6 +310,10 @@ struct Server::Impl {
   void HandleLock(Session& session, uint64_t request, const LockRequest& lock);
   void HandleGetRunning(Session& session, uint64_t request, const GetRunning& get);
   void HandleSetEntries(Session& session, uint64_t request, const SetEntries& set);
+  // The keypath of an entry SetEntries names that a commit set or deleted after the read it
+  // was worked out from; empty when none.
+  std::string ChangedSinceRead(const Session& session, const SetEntries& set,
+                               const lyd_node* tree) const;
   void HandleGetCommits(Session& session, uint64_t request, const GetCommits& get);
   void HandleRollback(Session& session, uint64_t request, const Rollback& rollback);
   // The refusal when another session holds `lock`; empty when the session may go on.
@@ -668,6 +672,7 @@ void Server::Impl::Respond(Session& session, uint64_t request, const CommitError
     response->mutable_error()->set_path(error->path);
   }
   response->set_data(std::move(data));
+  response->set_generation(store->generation());
   Send(session, message);
 }
 
@@ -1170,6 +1175,14 @@ void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const Se
     Respond(session, request, &error);
     return;
   }
+  if (const std::string changed = ChangedSinceRead(session, set, tree); !changed.empty()) {
+    lyd_free_siblings(tree);
+    error = {
+        "changed by another commit since this edit read it: " + changed + "; send the edit again",
+        changed};
+    Respond(session, request, &error);
+    return;
+  }
   if (set.candidate()) {
     SessionCandidate* candidate = EditableCandidate(session, request);
     if (!candidate) {
@@ -1209,6 +1222,37 @@ void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const Se
     return;
   }
   HandleCommit(session, request, std::move(candidate), {session.client, ""});
+}
+
+std::string Server::Impl::ChangedSinceRead(const Session& session, const SetEntries& set,
+                                           const lyd_node* tree) const {
+  if (set.read_generation() == 0 || set.read_generation() == store->generation()) return {};
+  // Entries the session's candidate holds were read from it, and only the session changes it.
+  const SessionCandidate* candidate = set.candidate() ? session.candidate.get() : nullptr;
+  auto changed = [&](const lyd_node* entry) {
+    if (candidate) {
+      char* path = lyd_path(entry, LYD_PATH_STD, nullptr, 0);
+      bool touched = false;
+      candidate->Entry(path ? path : "", &touched);
+      free(path);
+      if (touched) return false;
+    }
+    return store->ChangedAt(entry) > set.read_generation();
+  };
+  for (const lyd_node* top = tree; top; top = top->next) {
+    for (const lyd_node* entry = lyd_child(top); entry; entry = entry->next) {
+      if (changed(entry)) return Keypath(entry);
+    }
+  }
+  for (const std::string& keypath : set.deleted()) {
+    DataPath path;
+    std::string why;
+    const lyd_node* entry = ParseDataPath(store->module(), keypath, &path, &why) && path.isEntry
+                                ? store->Find(path.entryPath)
+                                : nullptr;
+    if (entry && changed(entry)) return keypath;  // one gone since is gone either way
+  }
+  return {};
 }
 
 void Server::Impl::HandleCandidate(Session& session, uint64_t request,

@@ -160,5 +160,35 @@ TEST_F(ServerNoticeTest, LocksAndSessionsNameEachSessionAsNetconfKnowsIt) {
   EXPECT_GT(listed["login"].get<int64_t>(), 0);
 }
 
+// NETCONF works edits out from what it read: entries a commit changed since that read refuse
+// the request (a lost update otherwise), entries it did not touch go through.
+TEST_F(ServerNoticeTest, EntriesChangedSinceTheEditReadThemRefuseIt) {
+  const int netconf = Adopt(7);
+  const int cli = Adopt(0);
+  ASSERT_TRUE(Set(cli, "/router/pbr{1}/rule/priority", "1").ok());
+  ASSERT_TRUE(Set(cli, "/router/pbr{2}/rule/priority", "2").ok());
+  ClientMessage read;
+  read.mutable_get_running()->mutable_select()->add_entry("/router/pbr{1}");
+  const uint64_t readAt = Call(netconf, read).generation();
+  ASSERT_TRUE(Set(cli, "/router/pbr{1}/rule/priority", "10").ok());
+
+  auto setEntries = [&](const std::string& json, bool candidate) {
+    ClientMessage request;
+    request.mutable_set_entries()->set_json(json);
+    request.mutable_set_entries()->set_candidate(candidate);
+    request.mutable_set_entries()->set_read_generation(readAt);
+    return Call(netconf, request);
+  };
+  for (const bool candidate : {true, false}) {  // the candidate first: running is committed
+    const Response stale =
+        setEntries(R"({"pbr:router":{"pbr":[{"id":1,"rule":{"priority":5}}]}})", candidate);
+    EXPECT_FALSE(stale.ok()) << candidate;
+    EXPECT_EQ(stale.error().path(), "/router/pbr{1}") << stale.error().message();
+    EXPECT_TRUE(
+        setEntries(R"({"pbr:router":{"pbr":[{"id":2,"rule":{"priority":6}}]}})", candidate).ok())
+        << candidate;
+  }
+}
+
 }  // namespace
 }  // namespace pbr::mgmt
