@@ -97,6 +97,23 @@ class Datastore {
                      const std::function<void(const lyd_node*, const lyd_node*)>& visit) const;
   ChangeCounts Count(const Candidate& candidate) const;
 
+  // The libyang data paths of the list entries `keypaths` name; false with *error naming the
+  // first keypath that names no list entry.
+  template <typename Keypaths>
+  bool EntryPaths(const Keypaths& keypaths, std::vector<std::string>* paths,
+                  CommitError* error) const {
+    for (const std::string& keypath : keypaths) {
+      DataPath path;
+      std::string why;
+      if (!ParseDataPath(module_, keypath, &path, &why) || !path.isEntry) {
+        *error = {why.empty() ? "not a list entry" : why, keypath};
+        return false;
+      }
+      paths->push_back(std::move(path.entryPath));
+    }
+    return true;
+  }
+
   // The running entry or node at a libyang data path; null when there is none.
   lyd_node* Find(const std::string& path) const;
 

@@ -1135,17 +1135,15 @@ void Server::Impl::HandleGetRunning(Session& session, uint64_t request, const Ge
     Respond(session, request, nullptr, get.xml() ? PrintXml(tree.tree) : PrintJson(tree.tree));
     return;
   }
-  for (const std::string& keypath : get.select().entry()) {
-    DataPath path;
-    std::string why;
-    if (!ParseDataPath(store->module(), keypath, &path, &why) || !path.isEntry) {
-      CommitError error{why.empty() ? "not a list entry" : why, keypath};
-      Respond(session, request, &error);
-      return;
-    }
+  std::vector<std::string> paths;
+  if (CommitError error; !store->EntryPaths(get.select().entry(), &paths, &error)) {
+    Respond(session, request, &error);
+    return;
+  }
+  for (const std::string& path : paths) {
     bool touched = false;
-    const lyd_node* entry = candidate ? candidate->Entry(path.entryPath, &touched) : nullptr;
-    if (!touched) entry = store->Find(path.entryPath);
+    const lyd_node* entry = candidate ? candidate->Entry(path, &touched) : nullptr;
+    if (!touched) entry = store->Find(path);
     if (entry) CopyEntry(&tree.tree, entry);
   }
   Respond(session, request, nullptr, get.xml() ? PrintXml(tree.tree) : PrintJson(tree.tree));
@@ -1205,16 +1203,10 @@ void Server::Impl::HandleSetEntries(Session& session, uint64_t request, const Se
     return;
   }
   std::vector<std::string> paths;
-  for (const std::string& keypath : deleted) {
-    DataPath path;
-    std::string why;
-    if (!ParseDataPath(store->module(), keypath, &path, &why) || !path.isEntry) {
-      lyd_free_siblings(tree);
-      error = {why.empty() ? "not a list entry" : why, keypath};
-      Respond(session, request, &error);
-      return;
-    }
-    paths.push_back(path.entryPath);
+  if (!store->EntryPaths(deleted, &paths, &error)) {
+    lyd_free_siblings(tree);
+    Respond(session, request, &error);
+    return;
   }
   auto candidate = store->PrepareEntries(tree, paths, &error);
   if (!candidate) {

@@ -105,15 +105,9 @@ bool SessionCandidate::SetEntries(lyd_node* tree, const std::string& json,
                                   CommitError* error) {
   const bool replayable = !json.empty() || !tree;
   std::vector<std::string> removed;
-  for (const std::string& keypath : deleted) {
-    DataPath path;
-    std::string why;
-    if (!ParseDataPath(store_->module(), keypath, &path, &why) || !path.isEntry) {
-      *error = {why.empty() ? "not a list entry" : why, keypath};
-      lyd_free_siblings(tree);
-      return false;
-    }
-    removed.push_back(path.entryPath);
+  if (!store_->EntryPaths(deleted, &removed, error)) {
+    lyd_free_siblings(tree);
+    return false;
   }
   if (validate && !store_->ValidateEntries(&tree, error)) {
     lyd_free_siblings(tree);
