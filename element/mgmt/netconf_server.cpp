@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "element/mgmt/data_path.h"
+#include "element/mgmt/json_text.h"
 #include "element/mgmt/netconf_bridge.h"
 #include "element/mgmt/netconf_edit.h"
 #include "element/mgmt/netconf_entries.h"
@@ -863,21 +864,7 @@ nc_server_reply* NetconfServer::Impl::GetSchema(lyd_node* rpc) {
   lyd_dup_single(rpc, nullptr, 0, &output);
   // The module's text as XML character data.
   std::string escaped;
-  for (const char* c = text; *c; ++c) {
-    switch (*c) {
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '&':
-        escaped += "&amp;";
-        break;
-      default:
-        escaped += *c;
-    }
-  }
+  AppendXmlText(text, &escaped);
   free(text);
   lyd_new_any(output, nullptr, "data", escaped.c_str(), 0, LYD_ANYDATA_XML, 1, nullptr);
   return nc_server_reply_data(output, NC_WD_EXPLICIT, NC_PARAMTYPE_FREE);
