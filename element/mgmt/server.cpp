@@ -183,7 +183,7 @@ struct Server::Impl {
     bool xml = false;
     int outstanding = 0;
     std::string errors;
-    std::vector<lyd_node*> entries;    // by key index; null when left out
+    std::vector<size_t> entries;       // by key index; OperationalView::kNone when left out
     std::vector<std::string> reasons;  // by key index
     uint64_t reasonsProvider = 0;
   };
@@ -1665,7 +1665,7 @@ void Server::Impl::HandleGetOperational(Session& session, uint64_t request,
     return;
   }
   view.view = std::make_unique<OperationalView>(ctx.get(), binding.list);
-  view.entries.assign(view.keys.size(), nullptr);
+  view.entries.assign(view.keys.size(), OperationalView::kNone);
   view.reasons.resize(view.keys.size());
   const uint64_t viewId = nextObjectsRequest;
   auto request_objects = [&](Session& to, const std::string& callpoint, bool forReasons) {
@@ -1762,7 +1762,7 @@ void Server::Impl::FinishViewIfDone(uint64_t viewId) {
   if (it == views.end() || it->second.outstanding > 0) return;
   PendingView& view = it->second;
   for (size_t k = 0; k < view.entries.size(); ++k) {
-    if (view.entries[k] && !view.reasons[k].empty())
+    if (view.entries[k] != OperationalView::kNone && !view.reasons[k].empty())
       view.view->AddRuleLeaf(view.entries[k], "hw-reason", view.reasons[k]);
   }
   std::string text = view.xml ? view.view->Xml() : view.view->Json();

@@ -194,15 +194,15 @@ TEST_F(AttachCommitTest, TheOperationalViewAsksTheCallpointForEachConfiguredRule
   status_->SetHwStatus(20, 2);
   const pbr::mgmt::Response all = op_->Operational();
   ExpectOk(all);
-  EXPECT_LT(all.data().find("\"id\": 10"), all.data().find("\"id\": 20"));
-  EXPECT_THAT(all.data(), HasSubstr("\"source-ip\": \"10.1.2.3/16\""));
-  EXPECT_THAT(all.data(), HasSubstr("\"hw-status\": \"programmed\""));
-  EXPECT_THAT(all.data(), HasSubstr("\"hw-status\": \"failed\""));
+  EXPECT_LT(all.data().find("\"id\":10"), all.data().find("\"id\":20"));
+  EXPECT_THAT(all.data(), HasSubstr("\"source-ip\":\"10.1.2.3/16\""));
+  EXPECT_THAT(all.data(), HasSubstr("\"hw-status\":\"programmed\""));
+  EXPECT_THAT(all.data(), HasSubstr("\"hw-status\":\"failed\""));
 
   const pbr::mgmt::Response one = op_->Operational(20);
   ExpectOk(one);
-  EXPECT_THAT(one.data(), HasSubstr("\"id\": 20"));
-  EXPECT_THAT(one.data(), Not(HasSubstr("\"id\": 10")));
+  EXPECT_THAT(one.data(), HasSubstr("\"id\":20"));
+  EXPECT_THAT(one.data(), Not(HasSubstr("\"id\":10")));
   EXPECT_FALSE(op_->Operational(99).ok());
 
   // A callpoint exception (a mask without a prefix length) leaves out only that entry; the daemon
@@ -210,8 +210,8 @@ TEST_F(AttachCommitTest, TheOperationalViewAsksTheCallpointForEachConfiguredRule
   cache_.GetConfig(10).entry = EntryBuilder(10).From("10.0.0.0/255.0.255.0").Build();
   const pbr::mgmt::Response partial = op_->Operational();
   EXPECT_THAT(partial.error().message(), HasSubstr("10: the callpoint failed"));
-  EXPECT_THAT(partial.data(), HasSubstr("\"id\": 20"));
-  EXPECT_THAT(partial.data(), Not(HasSubstr("\"id\": 10")));
+  EXPECT_THAT(partial.data(), HasSubstr("\"id\":20"));
+  EXPECT_THAT(partial.data(), Not(HasSubstr("\"id\":10")));
   cache_.GetConfig(10).entry = EntryBuilder(10).Build();
   ExpectOk(op_->Operational());
 }
