@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <google/protobuf/arena.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -730,8 +731,24 @@ void Server::Impl::Close(uint64_t sessionId) {
   for (uint64_t viewId : touched) FinishViewIfDone(viewId);
 }
 
+namespace {
+
+// A copy of `load` on the heap that takes its document without copying it.
+Load OffArena(Load* load) {
+  std::string data;
+  data.swap(*load->mutable_data());
+  Load copy(*load);
+  copy.mutable_data()->swap(data);
+  return copy;
+}
+
+}  // namespace
+
 void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
-  ClientMessage message;
+  // In an arena: a daemon's view replies are thousands of small messages each, which the heap
+  // would allocate and free one by one.
+  google::protobuf::Arena arena;
+  ClientMessage& message = *google::protobuf::Arena::CreateMessage<ClientMessage>(&arena);
   if (!message.ParseFromString(payload)) {
     ++session.malformed;
     CommitError error{"malformed message", ""};
@@ -764,7 +781,7 @@ void Server::Impl::HandleMessage(Session& session, const std::string& payload) {
       }
       auto candidate = message.has_edit()
                            ? store->Prepare(message.edit(), &error)
-                           : store->Prepare(std::move(*message.mutable_load()), &error);
+                           : store->Prepare(OffArena(message.mutable_load()), &error);
       if (!candidate) {
         Respond(session, request, &error);
         return;
