@@ -79,6 +79,8 @@ google::protobuf::ArenaOptions ArenaOptions() {
 
 // Messages from this size on are followed by returning the heap's free memory to the system.
 constexpr size_t kTrimAfter = 1 << 20;
+// The first block of a view reply's arena: a reply of the server's 512 entries fits.
+constexpr size_t kReplyBlock = 1 << 20;
 
 }  // namespace
 
@@ -107,6 +109,7 @@ struct AppInterface::Impl {
   uint64_t generation = 0;  // changes whenever the connection is dropped
   std::unique_ptr<vqmw::Source> watch;
   std::unique_ptr<vqmw::Source> timer;
+  std::unique_ptr<char[]> replyBlock;  // the first block of view replies, kReplyBlock bytes
   pbr::mgmt::FramedStream stream;
   std::chrono::milliseconds retry = kFirstRetry;
   std::chrono::steady_clock::time_point attachSent;  // when the pending Attach was queued
@@ -486,8 +489,13 @@ void AppInterface::Impl::HandleCommit(uint64_t seq, const std::vector<Subscripti
 }
 
 void AppInterface::Impl::HandleGetObjects(const pbr::mgmt::GetObjects& request) {
-  // One reply object per requested entry: in an arena, like the messages received.
-  google::protobuf::Arena arena(ArenaOptions());
+  // One reply object per requested entry: in an arena, like the messages received, whose
+  // first block is kept for the next request (fresh pages fault in anew each time).
+  if (!replyBlock) replyBlock = std::make_unique<char[]>(kReplyBlock);
+  google::protobuf::ArenaOptions options = ArenaOptions();
+  options.initial_block = replyBlock.get();
+  options.initial_block_size = kReplyBlock;
+  google::protobuf::Arena arena(options);
   auto& message = *google::protobuf::Arena::CreateMessage<pbr::mgmt::ClientMessage>(&arena);
   message.set_id(nextRequest++);
   pbr::mgmt::DataReply* reply = message.mutable_data_reply();

@@ -69,7 +69,7 @@ constexpr const char* kReasonCallpoint = "pbr_hw_reason";
 
 // Get-object requests go out in chunks of this many keys, so that no message grows with the
 // configuration and other sessions are served in between.
-constexpr int kObjectsPerRequest = 4096;
+constexpr int kObjectsPerRequest = 512;
 
 // How long a confirmed commit left unconfirmed by a restart waits for a daemon to attach before
 // it is undone (microseconds).
