@@ -108,8 +108,10 @@ bool OperationalView::Typed(const lysc_node* schema, const std::string& text, It
   }
   const lysc_type* type = nullptr;
   const char* canonical = nullptr;
-  if (lyd_value_validate(ctx_, schema, text.data(), text.size(), nullptr, &type, &canonical) !=
-      LY_SUCCESS) {
+  // Incomplete: a reference, which a view entry cannot resolve on its own.
+  const LY_ERR checked =
+      lyd_value_validate(ctx_, schema, text.data(), text.size(), nullptr, &type, &canonical);
+  if (checked != LY_SUCCESS && checked != LY_EINCOMPLETE) {
     const ly_err_item* e = ly_err_last(ctx_);
     *error = e && e->msg ? e->msg : "bad value for " + std::string(schema->name);
     return false;
