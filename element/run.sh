@@ -85,7 +85,7 @@ done
 
 cat <<MSG
 
-pbr-mgmtd and pbr-app are running (element files in $element).
+pbr-mgmtd and pbr-app are running (logs in $element/log).
 In another shell, with the same PBR_ELEMENT_* variables:
   export PBR_ELEMENT_RUNTIME_DIR=$PBR_ELEMENT_RUNTIME_DIR PBR_ELEMENT_STATE_DIR=$PBR_ELEMENT_STATE_DIR
   $bin/element/cli/pbr-cli set /router/pbr{7}/rule/action/next-hop/ip 192.0.2.9
