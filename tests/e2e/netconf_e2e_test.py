@@ -162,6 +162,11 @@ class NetconfTest(unittest.TestCase):
                           "</filter></get-config>")
         self.assertIn("<priority>50</priority>", sub)
         self.assertNotIn("next-hop", sub)
+        # A filtered get holds the configuration and the view under the one <router>.
+        both = self.nc.rpc(f'<get><filter type="subtree"><router {NS}/></filter></get>')
+        self.assertRegex(both, r"<router [^>]*><pbr><id>5</id>.*</pbr><pbr-status><id>5</id>"
+                               r".*</pbr-status></router>")
+        self.assertNotIn("netconf-state", both)
 
     def test_edits_read_the_entries_they_name_from_the_candidate_view(self):
         self.nc.rpc(edit("running", rule(1, 10, hop="192.0.2.7")))
