@@ -6,6 +6,8 @@
 //   one_running_ms  a one-rule edit-config of running (median of 7)
 //   get_ms          <get> of the whole view: the configuration merged with pbr-status
 //   get_wire_ms     the same read as bytes, without parsing: the server's share
+//   get_filtered_ms <get> with the subtree filter <router/>: the same rules and view, through a
+//                   data tree on the server
 //   get_config_ms   <get-config> of running
 //   mgmtd_peak_mib  the server's peak resident memory
 // The times include the client's own work (libnetconf2 printing the request, parsing the reply).
@@ -191,11 +193,15 @@ void NetconfEndToEnd(benchmark::State& state) {
     const double get =
         Timed([&] { return client.Call(nc_rpc_get(nullptr, NC_WD_UNKNOWN, NC_PARAMTYPE_CONST)); });
     const double getWire = RawGetMs(element.RuntimeDir() + "/netconf.sock");
+    const std::string router = RouterXml("");
+    const double getFiltered = Timed(
+        [&] { return client.Call(nc_rpc_get(router.c_str(), NC_WD_UNKNOWN, NC_PARAMTYPE_CONST)); });
     const double getConfig = Timed([&] {
       return client.Call(
           nc_rpc_getconfig(NC_DATASTORE_RUNNING, nullptr, NC_WD_UNKNOWN, NC_PARAMTYPE_CONST));
     });
-    if (Median(one) < 0 || Median(oneRunning) < 0 || get < 0 || getWire < 0 || getConfig < 0) {
+    if (Median(one) < 0 || Median(oneRunning) < 0 || get < 0 || getWire < 0 || getFiltered < 0 ||
+        getConfig < 0) {
       return state.SkipWithError("a NETCONF request failed");
     }
 
@@ -207,6 +213,7 @@ void NetconfEndToEnd(benchmark::State& state) {
     state.counters["one_running_ms"] = Median(oneRunning);
     state.counters["get_ms"] = get;
     state.counters["get_wire_ms"] = getWire;
+    state.counters["get_filtered_ms"] = getFiltered;
     state.counters["get_config_ms"] = getConfig;
     state.counters["mgmtd_peak_mib"] = MemoryMib(element.mgmtd(), "VmHWM");
   }
