@@ -226,6 +226,9 @@ int Session::RollbackTo(const RollbackCommand& rollback) {
   const auto answer = nlohmann::json::parse(response.data(), nullptr, false);
   if (answer.is_object() && answer.contains("id")) {
     out_ << "committed (commit " << answer["id"] << ")" << std::endl;
+  } else {
+    out_ << "nothing to commit: the configuration is as it was after commit " << rollback.id
+         << std::endl;
   }
   return kExitOk;
 }

@@ -297,6 +297,7 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
   struct Case {
     std::vector<std::string> args;
     std::string out;
+    std::string input = {};  // to the shell, without args
   };
   const std::vector<Case> cases = {
       {{"show", "commit", "2"}, "delete /router/pbr{1}\nset /router/pbr{2}/rule/priority 22\n"},
@@ -305,10 +306,14 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
        "set /router/pbr{1}/rule/priority 1\nset /router/pbr{2}/rule/priority 2\n"
        "delete /router/pbr{3}\n"},
       {{"rollback", "1"}, "committed (commit 4)\n"},
+      // What changes nothing is no commit: neither in the history nor in the log.
+      {{"rollback", "1"}, "nothing to commit: the configuration is as it was after commit 1\n"},
+      {{"set", "/router/pbr{2}/rule/priority", "2"}, ""},
+      {{}, "nothing to commit\n", "set /router/pbr{2}/rule/priority 2\ncommit\n"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.args[0]);
-    const ChildResult r = Cli(c.args);
+    SCOPED_TRACE(c.args.empty() ? c.input : c.args[0]);
+    const ChildResult r = Cli(c.args, c.input);
     ExpectOk(r);
     EXPECT_EQ(r.out, c.out);
   }
