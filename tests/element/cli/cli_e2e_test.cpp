@@ -174,7 +174,7 @@ TEST_F(CliE2e, InvalidConfigurationsAreRefusedWithPathAndReasonAndChangeNothing)
        "70000 is out of range 0..65535"},
       {{"set", "/router/pbr{7}/rule/colour", "red"},
        "/router/pbr/rule/colour",
-       "no node \"colour\""},
+       "no node \"colour\" at /router/pbr{7}/rule\n"},
       {{"delete", "/router/pbr{9}"}, "/router/pbr", "no such node"},
       // One bad operation refuses the whole commit.
       {{"set", "/router/pbr{11}/rule/priority", "1", "--", "set", rule8 + "/description", "x"},
