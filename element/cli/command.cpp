@@ -193,14 +193,17 @@ ParseResult ParseShow(std::span<const std::string> args, Context context) {
                                           : "; running, pbr, commits or commit ID"));
 }
 
-// set PATH [VALUE] and delete PATH, chained with --.
-ParseResult ParseEdit(std::span<const std::string> words) {
+// set PATH [VALUE] and delete PATH, chained with -- (unquoted).
+ParseResult ParseEdit(std::span<const std::string> words, const std::vector<bool>* quoted) {
+  const auto separator = [&](size_t at) {
+    return words[at] == "--" && !(quoted && at < quoted->size() && (*quoted)[at]);
+  };
   EditCommand edit;
   size_t i = 0;
   while (true) {
     const std::string& verb = words[i];
     size_t end = i + 1;
-    while (end < words.size() && words[end] != "--") ++end;
+    while (end < words.size() && !separator(end)) ++end;
     const auto args = words.subspan(i + 1, end - i - 1);
     mgmt::EditOperation op;
     if (verb == "set") {
@@ -334,13 +337,14 @@ ParseResult ParseLock(const std::string& verb, std::span<const std::string> args
 
 }  // namespace
 
-ParseResult Parse(std::span<const std::string> words, Context context) {
+ParseResult Parse(std::span<const std::string> words, Context context,
+                  const std::vector<bool>* quoted) {
   if (words.empty()) return Fail("no command");
   const std::string& verb = words[0];
   const auto args = words.subspan(1);
   const bool shell = context == Context::kShell;
   if (verb == "show") return ParseShow(args, context);
-  if (verb == "set" || verb == "delete") return ParseEdit(words);
+  if (verb == "set" || verb == "delete") return ParseEdit(words, quoted);
   if (verb == "load") return ParseLoad(args);
   if (verb == "rollback") return ParseRollback(args);
   if (verb == "debug") return ParseDebug(args);
@@ -362,8 +366,10 @@ ParseResult Parse(std::span<const std::string> words, Context context) {
   return Fail("unknown command " + verb + "; try help");
 }
 
-bool SplitWords(std::string_view line, std::vector<std::string>* words, std::string* error) {
+bool SplitWords(std::string_view line, std::vector<std::string>* words, std::string* error,
+                std::vector<bool>* quoted) {
   words->clear();
+  if (quoted) quoted->clear();
   size_t i = 0;
   const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
   while (true) {
@@ -371,20 +377,27 @@ bool SplitWords(std::string_view line, std::vector<std::string>* words, std::str
     if (i == line.size()) break;
     if (words->empty() && line[i] == '#') break;
     std::string word;
+    bool literal = false;
     while (i < line.size() && !blank(line[i])) {
       const char c = line[i++];
       if (c == '"') {
+        literal = true;
         for (;; ++i) {
           if (i == line.size()) {
             *error = "unterminated \"";
             return false;
           }
           if (line[i] == '"') break;
-          if (line[i] == '\\' && i + 1 < line.size()) ++i;
+          if (line[i] == '\\' && i + 1 < line.size()) {
+            const char escaped = line[++i];
+            word += escaped == 'n' ? '\n' : escaped == 'r' ? '\r' : escaped == 't' ? '\t' : escaped;
+            continue;
+          }
           word += line[i];
         }
         ++i;
       } else if (c == '\'') {
+        literal = true;
         const size_t close = line.find('\'', i);
         if (close == std::string_view::npos) {
           *error = "unterminated '";
@@ -395,30 +408,32 @@ bool SplitWords(std::string_view line, std::vector<std::string>* words, std::str
       } else if (c == '{') {
         // Keys keep their quotes and blanks: the server's path syntax reads them.
         word += c;
-        bool quoted = false;
+        bool inQuotes = false;
         for (;; ++i) {
           if (i == line.size()) {
             *error = "unterminated {";
             return false;
           }
           word += line[i];
-          if (line[i] == '"') quoted = !quoted;
-          if (line[i] == '}' && !quoted) break;
+          if (line[i] == '"') inQuotes = !inQuotes;
+          if (line[i] == '}' && !inQuotes) break;
         }
         ++i;
       } else if (c == '\\' && i < line.size()) {
+        literal = true;
         word += line[i++];
       } else {
         word += c;
       }
     }
     words->push_back(std::move(word));
+    if (quoted) quoted->push_back(literal);
   }
   return true;
 }
 
 std::string QuoteWord(std::string_view value) {
-  bool plain = !value.empty() && value[0] != '#';
+  bool plain = !value.empty() && value[0] != '#' && value != "--";
   for (char c : value) {
     if (c == ' ' || c == '\t' || c == '"' || c == '\'' || c == '\\' || c == '{' || c == '}' ||
         static_cast<unsigned char>(c) < 0x20) {
@@ -426,8 +441,13 @@ std::string QuoteWord(std::string_view value) {
     }
   }
   if (plain) return std::string(value);
+  // Line feeds, carriage returns and tabs go as escapes: the first two would end the line.
   std::string out = "\"";
   for (char c : value) {
+    if (c == '\n' || c == '\r' || c == '\t') {
+      out += c == '\n' ? "\\n" : c == '\r' ? "\\r" : "\\t";
+      continue;
+    }
     if (c == '"' || c == '\\') out += '\\';
     out += c;
   }

@@ -227,18 +227,19 @@ int RunShell(Session& session, std::istream& in, std::ostream& err, bool termina
   int result = kExitOk;
   std::string line, error;
   std::vector<std::string> words;
+  std::vector<bool> quoted;
   for (;;) {
     if (!ReadLine(in, terminal, &line)) {
       if (ConfirmLeaving(session, terminal)) break;
       continue;
     }
-    if (!SplitWords(line, &words, &error)) {
+    if (!SplitWords(line, &words, &error, &quoted)) {
       err << "error: " << error << std::endl;
       result = kExitUsage;
       continue;
     }
     if (words.empty()) continue;
-    const ParseResult parsed = Parse(words, Context::kShell);
+    const ParseResult parsed = Parse(words, Context::kShell, &quoted);
     if (!parsed.command) {
       err << "error: " << parsed.error << std::endl;
       result = kExitUsage;

@@ -161,13 +161,20 @@ TEST(ShellWords, QuotesGroupAndKeyBlocksStayWhole) {
 }
 
 TEST(ShellWords, ACandidateChangeReadsBackAsTheSameChange) {
-  for (const std::string value :
-       {"10", "two words", R"(with "quotes" and \ )", "", "#hash", "{braces}", "it's"}) {
+  for (const std::string value : {"10", "two words", R"(with "quotes" and \ )", "", "#hash",
+                                  "{braces}", "it's", "--", "two\nlines\r", "tab\t", R"(\n)"}) {
     mgmt::EditOperation op;
     op.set_path("/router/pbr{7}/rule/description");
     op.set_value(value);
-    const EditCommand back = As<EditCommand>(Parse(Split(FormatOperation(op)), Context::kShell));
-    ASSERT_EQ(back.operations.size(), 1u);
+    // As one line, and followed by another change.
+    const std::string line = FormatOperation(op) + " -- delete /router/pbr{8}";
+    ASSERT_EQ(line.find('\n'), std::string::npos) << line;
+    Words words;
+    std::vector<bool> quoted;
+    std::string error;
+    ASSERT_TRUE(SplitWords(line, &words, &error, &quoted)) << error;
+    const EditCommand back = As<EditCommand>(Parse(words, Context::kShell, &quoted));
+    ASSERT_EQ(back.operations.size(), 2u) << line;
     EXPECT_EQ(back.operations[0].value(), value) << FormatOperation(op);
   }
   mgmt::EditOperation del;
