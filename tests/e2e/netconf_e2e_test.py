@@ -206,6 +206,10 @@ class NetconfTest(unittest.TestCase):
              "invalid-value", "bogus"),
             (edit("candidate", f"<router {NS}><pbr-status><id>5</id></pbr-status></router>"),
              "invalid-value", "pbr-status"),
+            # an entry given twice, whether it exists or not
+            *((edit("running", f"<router {NS}>" + 2 * f"<pbr><id>{i}</id><rule><priority>{i}"
+                    "</priority></rule></pbr>" + "</router>"), "invalid-value",
+               f"<error-path>/pbr:router/pbr[id='{i}']</error-path>") for i in (1, 6)),
         ]
         for body, tag, path in cases:
             with self.subTest(body=body):
