@@ -160,7 +160,10 @@ ParseResult ParseShowRunning(std::span<const std::string> args) {
 }
 
 ParseResult ParseShow(std::span<const std::string> args, Context context) {
-  if (args.empty()) return Fail("show what? running, pbr or candidate");
+  const std::string_view choices = context == Context::kShell
+                                       ? "running, pbr, candidate, commits or commit ID"
+                                       : "running, pbr, commits or commit ID";
+  if (args.empty()) return Fail("show what? " + std::string(choices));
   const std::string& what = args[0];
   if (what == "running") return ParseShowRunning(args.subspan(1));
   if (what == "pbr") return ParseShowPbr(args.subspan(1));
@@ -188,9 +191,7 @@ ParseResult ParseShow(std::span<const std::string> args, Context context) {
     if (rest.size() != 1 || !ParseId(rest[0], &id)) return Fail("usage: show commit ID [--json]");
     return {ShowCommits{id, json}, {}};
   }
-  return Fail("cannot show " + what +
-              (context == Context::kShell ? "; running, pbr, candidate, commits or commit ID"
-                                          : "; running, pbr, commits or commit ID"));
+  return Fail("cannot show " + what + "; " + std::string(choices));
 }
 
 // set PATH [VALUE] and delete PATH, chained with -- (unquoted).

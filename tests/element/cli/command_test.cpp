@@ -87,6 +87,10 @@ TEST(Command, RefusesMalformedCommandsWithAReason) {
     EXPECT_FALSE(r.command.has_value()) << ::testing::PrintToString(words);
     EXPECT_FALSE(r.error.empty());
   }
+  // Hints name what can be shown here: the candidate only in the shell.
+  EXPECT_EQ(ParseOneShot({"show"}).error, "show what? running, pbr, commits or commit ID");
+  EXPECT_EQ(Parse(Words{"show"}, Context::kShell).error,
+            "show what? running, pbr, candidate, commits or commit ID");
 }
 
 TEST(CommandLoad, FormatFromTheExtensionOrTheOption) {
