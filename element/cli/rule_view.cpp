@@ -6,21 +6,8 @@
 #include <nlohmann/json.hpp>
 
 namespace pbr::cli {
-namespace {
 
-// Columns wide enough for the longest text each usually holds ("65535", "4294967295",
-// "255.255.255.255/32", "not-programmed"); a longer value still keeps one blank before the next.
-constexpr size_t kIdWidth = 7;
-constexpr size_t kPriorityWidth = 11;
-constexpr size_t kInterfacesWidth = 16;
-constexpr size_t kAddressWidth = 20;
-constexpr size_t kActionWidth = 17;
-constexpr size_t kStatusWidth = 16;
-constexpr size_t kDescriptionWidth = 34;  // 32 bytes and a blank
-
-// Appends the text with its control characters as escapes (\n, \x1b), so that a value cannot
-// break a row or drive the terminal; returns the length appended.
-size_t AppendText(std::string* out, std::string_view text) {
+size_t AppendPrintable(std::string* out, std::string_view text) {
   const size_t start = out->size();
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
@@ -36,8 +23,20 @@ size_t AppendText(std::string* out, std::string_view text) {
   return out->size() - start;
 }
 
+namespace {
+
+// Columns wide enough for the longest text each usually holds ("65535", "4294967295",
+// "255.255.255.255/32", "not-programmed"); a longer value still keeps one blank before the next.
+constexpr size_t kIdWidth = 7;
+constexpr size_t kPriorityWidth = 11;
+constexpr size_t kInterfacesWidth = 16;
+constexpr size_t kAddressWidth = 20;
+constexpr size_t kActionWidth = 17;
+constexpr size_t kStatusWidth = 16;
+constexpr size_t kDescriptionWidth = 34;  // 32 bytes and a blank
+
 void AppendCell(std::string* out, std::string_view text, size_t width) {
-  const size_t length = AppendText(out, text.empty() ? "-" : text);
+  const size_t length = AppendPrintable(out, text.empty() ? "-" : text);
   out->append(length < width ? width - length : 1, ' ');
 }
 
@@ -287,9 +286,9 @@ void FormatRuleTable(const std::vector<RuleRow>& rows, size_t of, std::string* o
     AppendCell(out, r.hwStatus, kStatusWidth);
     if (reasons) {
       AppendCell(out, r.description, kDescriptionWidth);
-      AppendText(out, r.reason.empty() ? "-" : r.reason);
+      AppendPrintable(out, r.reason.empty() ? "-" : r.reason);
     } else {
-      AppendText(out, r.description.empty() ? "-" : r.description);
+      AppendPrintable(out, r.description.empty() ? "-" : r.description);
     }
     out->push_back('\n');
   }

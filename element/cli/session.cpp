@@ -209,7 +209,10 @@ int Session::ShowHistory(const ShowCommits& show) {
                   static_cast<unsigned long long>(c.value("id", uint64_t{0})),
                   c.value("time", "").c_str(), c.value("user", "").c_str(),
                   c.value("client", "").c_str());
-    out_ << line << c.value("comment", "") << '\n';
+    // A comment may hold line breaks: they are escaped to keep one commit a line.
+    std::string comment;
+    AppendPrintable(&comment, c.value("comment", ""));
+    out_ << line << comment << '\n';
   }
   out_.flush();
   return kExitOk;

@@ -328,8 +328,12 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
   EXPECT_EQ(commits[3]["comment"], "rollback to 1");
   EXPECT_FALSE(commits[0]["user"].get<std::string>().empty());
   EXPECT_EQ(Cli({"show", "commit", "9"}).status, kRefused);
-  ExpectOk(Cli({"set", "/router/pbr{5}/rule/priority", "5"}));
+  ExpectOk(Cli({}, "set /router/pbr{5}/rule/priority 5\ncommit comment \"two\\nlines\"\n"));
   EXPECT_EQ(nlohmann::json::parse(Cli({"show", "commits", "--json"}).out).back()["id"], 5);
+  // One commit a line, whatever its comment holds.
+  const ChildResult table = Cli({"show", "commits"});
+  EXPECT_THAT(table.out, ::testing::EndsWith(" two\\nlines\n"));
+  EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 6) << table.out;
 }
 
 // The rule ids the memory backend holds, once they are `want` (waits for its paced rewrite).
