@@ -190,10 +190,11 @@ bool ReadLine(std::istream& in, bool terminal, std::string* line) {
 // Asks before uncommitted changes are dropped; true to leave.
 bool ConfirmLeaving(const Session& session, bool terminal) {
   const size_t pending = session.uncommittedEdits();
-  if (!terminal || pending == 0) return true;
-  const std::string question = std::to_string(pending) + " uncommitted change" +
-                               (pending == 1 ? "" : "s") + "; leave and drop " +
-                               (pending == 1 ? "it" : "them") + "? [y/N] ";
+  if (!terminal || (pending == 0 && !session.confirmationPending())) return true;
+  const std::string question =
+      pending == 0 ? "the confirmed commit of this session is undone when it ends; leave? [y/N] "
+                   : std::to_string(pending) + " uncommitted change" + (pending == 1 ? "" : "s") +
+                         "; leave and drop " + (pending == 1 ? "it" : "them") + "? [y/N] ";
   char* answer = ReadlineGuarded(question.c_str());
   const bool yes = answer && (std::strcmp(answer, "y") == 0 || std::strcmp(answer, "yes") == 0);
   if (!answer) std::fputs("\n", rl_outstream);
