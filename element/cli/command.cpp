@@ -68,7 +68,8 @@ constexpr std::string_view kShellHelp =
                                load a document and commit it at once
   debug [CATEGORY LEVEL]       show or change the trace levels of every process
   help                         this text
-  exit, quit                   leave (asks first when changes are not committed)
+  exit, quit                   leave (asks first when changes are not committed or a
+                               confirmed commit is not confirmed)
 
 Paths are keypaths without prefixes: /router/pbr{7}/rule/priority. Values with blanks go in
 double quotes. Several changes can also be given on one line, separated by --.
