@@ -72,6 +72,7 @@ INSTANTIATE_TEST_SUITE_P(EveryBinary, Arguments, ::testing::ValuesIn(Cases()));
 TEST(ManagementServer, RemovesItsSocketOnExitAndServesAgainAfterARestart) {
   pbrtest::ElementEnv env;
   const std::filesystem::path socket = env.RuntimeDir() + "/mgmt.sock";
+  const std::filesystem::path netconf = env.RuntimeDir() + "/netconf.sock";
   const std::string notify = (env.root() / "notify").string();
   for (int run = 0; run < 2; ++run) {
     std::string error;
@@ -81,6 +82,7 @@ TEST(ManagementServer, RemovesItsSocketOnExitAndServesAgainAfterARestart) {
     server->Signal(SIGTERM);
     EXPECT_EQ(server->Finish(10s).status, 0);
     EXPECT_FALSE(std::filesystem::exists(socket)) << "run " << run;
+    EXPECT_FALSE(std::filesystem::exists(netconf)) << "run " << run;
   }
 }
 
