@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
@@ -44,6 +45,12 @@ Environment:
 Exit status: 0 stopped by a signal; 1 cannot start (another server runs, the stored
 configuration is invalid, the socket cannot be made); 2 invalid arguments.
 )";
+
+// SIGTERM and SIGINT end the loop; the log says so, so that a stop is told apart from a crash.
+int OnStop(sd_event_source* source, const signalfd_siginfo* info, void*) {
+  vqmw::Logger().info("pbr-mgmtd: {} received, stopping", strsignal(info->ssi_signo));
+  return sd_event_exit(sd_event_source_get_event(source), 0);
+}
 
 int OnHangup(sd_event_source*, const signalfd_siginfo*, void*) {
   vqmw::Logger().info("pbr-mgmtd: SIGHUP received, reopening the log");
@@ -107,8 +114,8 @@ int main(int argc, char** argv) {
 
   sd_event* event = nullptr;
   if (sd_event_default(&event) < 0) return 1;
-  sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
-  sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
+  sd_event_add_signal(event, nullptr, SIGTERM, OnStop, nullptr);
+  sd_event_add_signal(event, nullptr, SIGINT, OnStop, nullptr);
   sd_event_add_signal(event, nullptr, SIGHUP, OnHangup, nullptr);
 
   std::string error;

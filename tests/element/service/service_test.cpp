@@ -83,6 +83,7 @@ TEST(ManagementServer, RemovesItsSocketOnExitAndServesAgainAfterARestart) {
     EXPECT_EQ(server->Finish(10s).status, 0);
     EXPECT_FALSE(std::filesystem::exists(socket)) << "run " << run;
     EXPECT_FALSE(std::filesystem::exists(netconf)) << "run " << run;
+    EXPECT_NE(env.Log().find("pbr-mgmtd: Terminated received, stopping"), std::string::npos);
   }
 }
 
