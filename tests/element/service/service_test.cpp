@@ -87,4 +87,21 @@ TEST(ManagementServer, RemovesItsSocketOnExitAndServesAgainAfterARestart) {
   }
 }
 
+// A NETCONF endpoint or idle time that cannot be meant stops the start with the reason, rather
+// than a server listening on a port the value wrapped to.
+TEST(ManagementServer, RefusesToStartOnAnInvalidNetconfSetting) {
+  for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+           {"PBR_ELEMENT_NETCONF_SSH", "127.0.0.1:99999"},
+           {"PBR_ELEMENT_NETCONF_SSH", "8830"},
+           {"PBR_ELEMENT_NETCONF_IDLE", "70000"}}) {
+    SCOPED_TRACE(value);
+    pbrtest::ElementEnv env;
+    env.Set(name, value);
+    const pbrtest::ChildResult r = pbrtest::RunChild({PBR_MGMTD_BIN}, {}, 10s);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(env.Log(), HasSubstr(name + " is "));
+    EXPECT_THAT(env.Log(), HasSubstr("not '" + value + "'"));
+  }
+}
+
 }  // namespace
