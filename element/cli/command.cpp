@@ -417,6 +417,10 @@ bool SplitWords(std::string_view line, std::vector<std::string>* words, std::str
             return false;
           }
           word += line[i];
+          if (inQuotes && line[i] == '\\' && i + 1 < line.size()) {
+            word += line[++i];  // \" stays in the key for the server to read
+            continue;
+          }
           if (line[i] == '"') inQuotes = !inQuotes;
           if (line[i] == '}' && !inQuotes) break;
         }
@@ -457,10 +461,15 @@ std::string QuoteWord(std::string_view value) {
 }
 
 std::string QuoteKey(std::string_view key) {
-  if (!key.empty() && key.find_first_of(" \t{}") == std::string_view::npos) {
+  if (!key.empty() && key.find_first_of(" \t{}\"\\") == std::string_view::npos) {
     return std::string(key);
   }
-  return "\"" + std::string(key) + "\"";
+  std::string out = "\"";
+  for (const char c : key) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out + "\"";
 }
 
 std::string FormatOperation(const mgmt::EditOperation& operation) {

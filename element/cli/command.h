@@ -105,8 +105,8 @@ bool SplitWords(std::string_view line, std::vector<std::string>* words, std::str
 // A value as the shell reads it back: bare when it is a plain word, else double-quoted.
 std::string QuoteWord(std::string_view value);
 
-// A key as the path syntax takes it inside braces: double-quoted when it holds a blank or a
-// brace.
+// A key as the path syntax takes it inside braces: double-quoted when it holds a blank, a brace,
+// a quote or a backslash, the last two escaped with a backslash.
 std::string QuoteKey(std::string_view key);
 
 // The edit operation as a shell command ("set PATH VALUE", "delete PATH").

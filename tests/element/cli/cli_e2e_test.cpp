@@ -87,11 +87,26 @@ class CliE2e : public ::testing::Test {
 };
 
 TEST_F(CliE2e, EditsAndLoadsChangeTheRunningConfigurationAsShownAndItsTextsLoadBack) {
-  ExpectOk(Cli({"set", "/router/pbr{7}/rule/priority", "10", "--", "set",
-                "/router/pbr{7}/rule/description", "web \"front\" servers", "--", "set",
-                "/router/pbr{7}/rule/match/interface{eth1}", "--", "set",
-                "/router/pbr{7}/rule/match/interface{eth0}", "--", "set",
-                "/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip", "10.1.2.3/16"}));
+  ExpectOk(Cli({"set",
+                "/router/pbr{7}/rule/priority",
+                "10",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/description",
+                "web \"front\" servers",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/match/interface{eth1}",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/match/interface{eth0}",
+                "--",
+                "set",
+                R"(/router/pbr{7}/rule/match/interface{"q\"\\x"})",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip",
+                "10.1.2.3/16"}));
   ExpectOk(Cli({"delete", "/router/pbr{7}/rule/match/interface{eth1}"}));
   const std::string json =
       WriteFile("merge.json", R"({"pbr:router": {"pbr": [{"id": 65535, "rule": {"priority": 0,
@@ -100,10 +115,13 @@ TEST_F(CliE2e, EditsAndLoadsChangeTheRunningConfigurationAsShownAndItsTextsLoadB
   EXPECT_EQ(Show(),
             "router\n  pbr{7}\n    rule\n      priority 10\n"
             "      description \"web \\\"front\\\" servers\"\n      match\n"
-            "        interface{eth0}\n        destination\n          ipv4-address\n"
+            "        interface{eth0}\n        interface{\"q\\\"\\\\x\"}\n        destination\n"
+            "          ipv4-address\n"
             "            mask\n              ip 10.1.2.3/16\n"
             "  pbr{65535}\n    rule\n      priority 0\n      match\n        source\n"
             "          ipv4-address\n            no-mask\n              ip 0.0.0.0\n");
+
+  EXPECT_NE(Running().find(R"("q\"\\x")"), std::string::npos);  // the key q"\x
 
   // As set commands fed to the shell, and as XML replacing what is there (the format option
   // wins over the name), the running configuration loads back as it was.
