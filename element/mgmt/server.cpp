@@ -1472,7 +1472,7 @@ void Server::Impl::UndoConfirmed(Session& session, uint64_t request, const std::
   // Locks do not hold the undoing back: the holder's commit was the one to be confirmed.
   const uint64_t locked = std::exchange(runningLock, 0);
   HandleCommit(session, request, std::move(candidate),
-               {"cli", "undo of commit " + std::to_string(firstId) + ": " + why});
+               {session.client, "undo of commit " + std::to_string(firstId) + ": " + why});
   if (sessions.count(locked)) runningLock = locked;
 }
 
@@ -1618,7 +1618,7 @@ void Server::Impl::HandleRollback(Session& session, uint64_t request, const Roll
     return;
   }
   HandleCommit(session, request, std::move(candidate),
-               {"cli", "rollback to " + std::to_string(rollback.id())});
+               {session.client, "rollback to " + std::to_string(rollback.id())});
 }
 
 int Server::Impl::OnCompact(sd_event_source*, void* userdata) {
