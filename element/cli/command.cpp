@@ -68,7 +68,8 @@ constexpr std::string_view kShellHelp =
                                load a document and commit it at once
   debug [CATEGORY LEVEL]       show or change the trace levels of every process
   help                         this text
-  exit, quit                   leave (asks first when changes are not committed)
+  exit, quit                   leave (asks first when changes are not committed or a
+                               confirmed commit is not confirmed)
 
 Paths are keypaths without prefixes: /router/pbr{7}/rule/priority. Values with blanks go in
 double quotes. Several changes can also be given on one line, separated by --.
@@ -160,7 +161,10 @@ ParseResult ParseShowRunning(std::span<const std::string> args) {
 }
 
 ParseResult ParseShow(std::span<const std::string> args, Context context) {
-  if (args.empty()) return Fail("show what? running, pbr or candidate");
+  const std::string_view choices = context == Context::kShell
+                                       ? "running, pbr, candidate, commits or commit ID"
+                                       : "running, pbr, commits or commit ID";
+  if (args.empty()) return Fail("show what? " + std::string(choices));
   const std::string& what = args[0];
   if (what == "running") return ParseShowRunning(args.subspan(1));
   if (what == "pbr") return ParseShowPbr(args.subspan(1));
@@ -188,19 +192,20 @@ ParseResult ParseShow(std::span<const std::string> args, Context context) {
     if (rest.size() != 1 || !ParseId(rest[0], &id)) return Fail("usage: show commit ID [--json]");
     return {ShowCommits{id, json}, {}};
   }
-  return Fail("cannot show " + what +
-              (context == Context::kShell ? "; running, pbr, candidate, commits or commit ID"
-                                          : "; running, pbr, commits or commit ID"));
+  return Fail("cannot show " + what + "; " + std::string(choices));
 }
 
-// set PATH [VALUE] and delete PATH, chained with --.
-ParseResult ParseEdit(std::span<const std::string> words) {
+// set PATH [VALUE] and delete PATH, chained with -- (unquoted).
+ParseResult ParseEdit(std::span<const std::string> words, const std::vector<bool>* quoted) {
+  const auto separator = [&](size_t at) {
+    return words[at] == "--" && !(quoted && at < quoted->size() && (*quoted)[at]);
+  };
   EditCommand edit;
   size_t i = 0;
   while (true) {
     const std::string& verb = words[i];
     size_t end = i + 1;
-    while (end < words.size() && words[end] != "--") ++end;
+    while (end < words.size() && !separator(end)) ++end;
     const auto args = words.subspan(i + 1, end - i - 1);
     mgmt::EditOperation op;
     if (verb == "set") {
@@ -334,13 +339,14 @@ ParseResult ParseLock(const std::string& verb, std::span<const std::string> args
 
 }  // namespace
 
-ParseResult Parse(std::span<const std::string> words, Context context) {
+ParseResult Parse(std::span<const std::string> words, Context context,
+                  const std::vector<bool>* quoted) {
   if (words.empty()) return Fail("no command");
   const std::string& verb = words[0];
   const auto args = words.subspan(1);
   const bool shell = context == Context::kShell;
   if (verb == "show") return ParseShow(args, context);
-  if (verb == "set" || verb == "delete") return ParseEdit(words);
+  if (verb == "set" || verb == "delete") return ParseEdit(words, quoted);
   if (verb == "load") return ParseLoad(args);
   if (verb == "rollback") return ParseRollback(args);
   if (verb == "debug") return ParseDebug(args);
@@ -362,8 +368,10 @@ ParseResult Parse(std::span<const std::string> words, Context context) {
   return Fail("unknown command " + verb + "; try help");
 }
 
-bool SplitWords(std::string_view line, std::vector<std::string>* words, std::string* error) {
+bool SplitWords(std::string_view line, std::vector<std::string>* words, std::string* error,
+                std::vector<bool>* quoted) {
   words->clear();
+  if (quoted) quoted->clear();
   size_t i = 0;
   const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
   while (true) {
@@ -371,20 +379,27 @@ bool SplitWords(std::string_view line, std::vector<std::string>* words, std::str
     if (i == line.size()) break;
     if (words->empty() && line[i] == '#') break;
     std::string word;
+    bool literal = false;
     while (i < line.size() && !blank(line[i])) {
       const char c = line[i++];
       if (c == '"') {
+        literal = true;
         for (;; ++i) {
           if (i == line.size()) {
             *error = "unterminated \"";
             return false;
           }
           if (line[i] == '"') break;
-          if (line[i] == '\\' && i + 1 < line.size()) ++i;
+          if (line[i] == '\\' && i + 1 < line.size()) {
+            const char escaped = line[++i];
+            word += escaped == 'n' ? '\n' : escaped == 'r' ? '\r' : escaped == 't' ? '\t' : escaped;
+            continue;
+          }
           word += line[i];
         }
         ++i;
       } else if (c == '\'') {
+        literal = true;
         const size_t close = line.find('\'', i);
         if (close == std::string_view::npos) {
           *error = "unterminated '";
@@ -395,30 +410,36 @@ bool SplitWords(std::string_view line, std::vector<std::string>* words, std::str
       } else if (c == '{') {
         // Keys keep their quotes and blanks: the server's path syntax reads them.
         word += c;
-        bool quoted = false;
+        bool inQuotes = false;
         for (;; ++i) {
           if (i == line.size()) {
             *error = "unterminated {";
             return false;
           }
           word += line[i];
-          if (line[i] == '"') quoted = !quoted;
-          if (line[i] == '}' && !quoted) break;
+          if (inQuotes && line[i] == '\\' && i + 1 < line.size()) {
+            word += line[++i];  // \" stays in the key for the server to read
+            continue;
+          }
+          if (line[i] == '"') inQuotes = !inQuotes;
+          if (line[i] == '}' && !inQuotes) break;
         }
         ++i;
       } else if (c == '\\' && i < line.size()) {
+        literal = true;
         word += line[i++];
       } else {
         word += c;
       }
     }
     words->push_back(std::move(word));
+    if (quoted) quoted->push_back(literal);
   }
   return true;
 }
 
 std::string QuoteWord(std::string_view value) {
-  bool plain = !value.empty() && value[0] != '#';
+  bool plain = !value.empty() && value[0] != '#' && value != "--";
   for (char c : value) {
     if (c == ' ' || c == '\t' || c == '"' || c == '\'' || c == '\\' || c == '{' || c == '}' ||
         static_cast<unsigned char>(c) < 0x20) {
@@ -426,8 +447,13 @@ std::string QuoteWord(std::string_view value) {
     }
   }
   if (plain) return std::string(value);
+  // Line feeds, carriage returns and tabs go as escapes: the first two would end the line.
   std::string out = "\"";
   for (char c : value) {
+    if (c == '\n' || c == '\r' || c == '\t') {
+      out += c == '\n' ? "\\n" : c == '\r' ? "\\r" : "\\t";
+      continue;
+    }
     if (c == '"' || c == '\\') out += '\\';
     out += c;
   }
@@ -435,10 +461,15 @@ std::string QuoteWord(std::string_view value) {
 }
 
 std::string QuoteKey(std::string_view key) {
-  if (!key.empty() && key.find_first_of(" \t{}") == std::string_view::npos) {
+  if (!key.empty() && key.find_first_of(" \t{}\"\\") == std::string_view::npos) {
     return std::string(key);
   }
-  return "\"" + std::string(key) + "\"";
+  std::string out = "\"";
+  for (const char c : key) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out + "\"";
 }
 
 std::string FormatOperation(const mgmt::EditOperation& operation) {

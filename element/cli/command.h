@@ -89,19 +89,24 @@ struct ParseResult {
   std::string error;
 };
 
-ParseResult Parse(std::span<const std::string> words, Context context);
+// `quoted` (from SplitWords) marks the words written in quotes: a quoted -- is a value, not the
+// separator of changes.
+ParseResult Parse(std::span<const std::string> words, Context context,
+                  const std::vector<bool>* quoted = nullptr);
 
-// Splits a shell line into words: blanks separate words; "..." groups with \" and \\ escapes,
-// '...' groups literally; a {...} key block of a path is kept whole, quotes included, for the
-// server's path syntax. A line whose first word starts with # is a comment (no words). False
-// with *error on an unterminated quote or brace.
-bool SplitWords(std::string_view line, std::vector<std::string>* words, std::string* error);
+// Splits a shell line into words: blanks separate words; "..." groups with \" and \\ escapes
+// and \n, \r, \t for line feed, carriage return and tab; '...' groups literally; a {...} key block
+// of a path is kept whole, quotes included, for the server's path syntax. A line whose first
+// word starts with # is a comment (no words). False with *error on an unterminated quote or
+// brace. `quoted`, when given, tells for each word whether any of it was quoted or escaped.
+bool SplitWords(std::string_view line, std::vector<std::string>* words, std::string* error,
+                std::vector<bool>* quoted = nullptr);
 
 // A value as the shell reads it back: bare when it is a plain word, else double-quoted.
 std::string QuoteWord(std::string_view value);
 
-// A key as the path syntax takes it inside braces: double-quoted when it holds a blank or a
-// brace.
+// A key as the path syntax takes it inside braces: double-quoted when it holds a blank, a brace,
+// a quote or a backslash, the last two escaped with a backslash.
 std::string QuoteKey(std::string_view key);
 
 // The edit operation as a shell command ("set PATH VALUE", "delete PATH").

@@ -88,6 +88,8 @@ bool ReadDocument(const std::string& path, mgmt::Load::Format format, std::strin
     *error = path + ": cannot read: " + why;
     return false;
   }
+  // Editors may begin UTF-8 files with a byte order mark; neither parser of the server takes it.
+  if (text->starts_with("\xef\xbb\xbf")) text->erase(0, 3);
   if (format != mgmt::Load::JSON) return true;
   WellFormed check;
   if (!nlohmann::json::sax_parse(*text, &check)) {

@@ -6,6 +6,23 @@
 #include <nlohmann/json.hpp>
 
 namespace pbr::cli {
+
+size_t AppendPrintable(std::string* out, std::string_view text) {
+  const size_t start = out->size();
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      out->push_back(c);
+    } else if (c == '\n' || c == '\r' || c == '\t') {
+      out->append(c == '\n' ? "\\n" : c == '\r' ? "\\r" : "\\t");
+    } else {
+      static constexpr char kHex[] = "0123456789abcdef";
+      out->append({'\\', 'x', kHex[byte >> 4], kHex[byte & 15]});
+    }
+  }
+  return out->size() - start;
+}
+
 namespace {
 
 // Columns wide enough for the longest text each usually holds ("65535", "4294967295",
@@ -19,9 +36,8 @@ constexpr size_t kStatusWidth = 16;
 constexpr size_t kDescriptionWidth = 34;  // 32 bytes and a blank
 
 void AppendCell(std::string* out, std::string_view text, size_t width) {
-  if (text.empty()) text = "-";
-  out->append(text);
-  out->append(text.size() < width ? width - text.size() : 1, ' ');
+  const size_t length = AppendPrintable(out, text.empty() ? "-" : text);
+  out->append(length < width ? width - length : 1, ' ');
 }
 
 // RFC 7951 prefixes a member with its module where the module changes.
@@ -270,9 +286,9 @@ void FormatRuleTable(const std::vector<RuleRow>& rows, size_t of, std::string* o
     AppendCell(out, r.hwStatus, kStatusWidth);
     if (reasons) {
       AppendCell(out, r.description, kDescriptionWidth);
-      out->append(r.reason.empty() ? "-" : r.reason);
+      AppendPrintable(out, r.reason.empty() ? "-" : r.reason);
     } else {
-      out->append(r.description.empty() ? "-" : r.description);
+      AppendPrintable(out, r.description.empty() ? "-" : r.description);
     }
     out->push_back('\n');
   }

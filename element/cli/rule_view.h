@@ -46,6 +46,10 @@ struct RuleCounts {
 };
 RuleCounts CountRules(const std::vector<RuleRow>& rows);
 
+// Appends `text` with its control characters as escapes (\n, \x1b), so that a value cannot
+// break a row of a table or drive the terminal; returns the length appended.
+size_t AppendPrintable(std::string* out, std::string_view text);
+
 // Appends the table: a header, one line per row, then a summary line; `of` is the number of
 // rules before filtering (named when rows were left out). A REASON column appears when any row
 // has a reason.

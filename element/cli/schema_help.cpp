@@ -185,7 +185,9 @@ bool SplitKeypath(std::string_view path, std::vector<KeypathStep>* steps) {
       for (;; ++i) {
         if (i == path.size()) return false;
         const char c = path[i];
-        if (c == '"') {
+        if (quoted && c == '\\' && i + 1 < path.size()) {
+          key += path[++i];  // \" and \\ inside quotes
+        } else if (c == '"') {
           quoted = !quoted;
           any = true;
         } else if (!quoted && (c == ' ' || c == '}')) {

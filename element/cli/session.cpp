@@ -55,8 +55,8 @@ int Session::Run(const Command& command, Context context) {
           },
           [&](const Validate&) { return SimpleCandidateCall(Kind::VALIDATE, "valid"); },
           [&](const Update&) { return SimpleCandidateCall(Kind::UPDATE, "updated"); },
-          [&](const Confirm&) { return SimpleCandidateCall(Kind::CONFIRM, "confirmed"); },
-          [&](const Abort&) { return SimpleCandidateCall(Kind::ABORT, "aborted"); },
+          [&](const Confirm&) { return EndConfirmation(Kind::CONFIRM, "confirmed"); },
+          [&](const Abort&) { return EndConfirmation(Kind::ABORT, "aborted"); },
           [&](const LockCommand& c) { return Lock(c); },
           [&](const Help&) {
             out_ << (shell ? ShellHelpText() : UsageText()) << std::flush;
@@ -107,6 +107,12 @@ int Session::SimpleCandidateCall(mgmt::CandidateRequest::Kind kind, const char* 
   return kExitOk;
 }
 
+int Session::EndConfirmation(mgmt::CandidateRequest::Kind kind, const char* done) {
+  const int status = SimpleCandidateCall(kind, done);
+  if (status == kExitOk) confirmPending_ = false;
+  return status;
+}
+
 int Session::CommitCandidate(const Commit& commit) {
   std::string data;
   // A refused candidate stays, to be corrected, updated or discarded.
@@ -121,11 +127,13 @@ int Session::CommitCandidate(const Commit& commit) {
     out_ << "nothing to commit; commits from now on are undone in " << *commit.confirmSeconds
          << " s unless confirmed" << std::endl;
     serverState_ = true;
+    confirmPending_ = true;
   } else if (answer.is_object() && answer.contains("extended")) {
     out_ << "undone in " << *commit.confirmSeconds << " s unless confirmed" << std::endl;
   } else if (answer.is_object() && answer.contains("confirmed")) {
     out_ << "confirmed" << std::endl;
     serverState_ = false;
+    confirmPending_ = false;
   } else {
     out_ << "committed";
     if (answer.is_object() && answer.contains("id")) out_ << " (commit " << answer["id"] << ")";
@@ -133,6 +141,8 @@ int Session::CommitCandidate(const Commit& commit) {
       out_ << "; undone in " << *commit.confirmSeconds << " s unless confirmed";
       serverState_ = true;
     }
+    // A plain commit confirms this session's pending one.
+    confirmPending_ = commit.confirmSeconds.has_value();
     out_ << std::endl;
   }
   return kExitOk;
@@ -209,7 +219,10 @@ int Session::ShowHistory(const ShowCommits& show) {
                   static_cast<unsigned long long>(c.value("id", uint64_t{0})),
                   c.value("time", "").c_str(), c.value("user", "").c_str(),
                   c.value("client", "").c_str());
-    out_ << line << c.value("comment", "") << '\n';
+    // A comment may hold line breaks: they are escaped to keep one commit a line.
+    std::string comment;
+    AppendPrintable(&comment, c.value("comment", ""));
+    out_ << line << comment << '\n';
   }
   out_.flush();
   return kExitOk;
@@ -226,6 +239,9 @@ int Session::RollbackTo(const RollbackCommand& rollback) {
   const auto answer = nlohmann::json::parse(response.data(), nullptr, false);
   if (answer.is_object() && answer.contains("id")) {
     out_ << "committed (commit " << answer["id"] << ")" << std::endl;
+  } else {
+    out_ << "nothing to commit: the configuration is as it was after commit " << rollback.id
+         << std::endl;
   }
   return kExitOk;
 }
@@ -239,6 +255,7 @@ int Session::Call(mgmt::ClientMessage request, mgmt::Response* response) {
     client_.reset();
     if (serverState_) {
       serverState_ = false;
+      confirmPending_ = false;
       edits_ = 0;
       err_ << "error: the management server ended this session (a restart, or kill-session); its "
               "candidate and locks are gone, and nothing of the candidate was committed"
@@ -264,6 +281,7 @@ int Session::Call(mgmt::ClientMessage request, mgmt::Response* response) {
     if (serverState_) {
       err_ << "error: this session's candidate and locks are gone with the connection" << std::endl;
       serverState_ = false;
+      confirmPending_ = false;
       edits_ = 0;
     }
     return kExitUnreachable;

@@ -44,6 +44,9 @@ class Session {
 
   // The edits made to the candidate since it was last committed or discarded.
   size_t uncommittedEdits() const { return edits_; }
+  // Whether this session committed with confirmation and has not confirmed or aborted since:
+  // the server undoes that commit when the session ends.
+  bool confirmationPending() const { return confirmPending_; }
 
   // The running configuration as RFC 7951 JSON; prints the failure and returns its status when
   // it cannot be had.
@@ -71,6 +74,8 @@ class Session {
   int AddToCandidate(const EditCommand& edit);
   int CommitCandidate(const Commit& commit);
   int SimpleCandidateCall(mgmt::CandidateRequest::Kind kind, const char* done);
+  // confirm or abort of this session's confirmed commit.
+  int EndConfirmation(mgmt::CandidateRequest::Kind kind, const char* done);
   int LoadFile(const LoadCommand& load);
   int ShowCandidateChanges(const ShowCandidate& show);
   int ShowHistory(const ShowCommits& show);
@@ -90,6 +95,7 @@ class Session {
   // The server holds something of this session (a candidate, a lock, a confirmed commit), lost
   // when the connection is.
   bool serverState_ = false;
+  bool confirmPending_ = false;
   bool exitRequested_ = false;
 };
 

@@ -190,10 +190,11 @@ bool ReadLine(std::istream& in, bool terminal, std::string* line) {
 // Asks before uncommitted changes are dropped; true to leave.
 bool ConfirmLeaving(const Session& session, bool terminal) {
   const size_t pending = session.uncommittedEdits();
-  if (!terminal || pending == 0) return true;
-  const std::string question = std::to_string(pending) + " uncommitted change" +
-                               (pending == 1 ? "" : "s") + "; leave and drop " +
-                               (pending == 1 ? "it" : "them") + "? [y/N] ";
+  if (!terminal || (pending == 0 && !session.confirmationPending())) return true;
+  const std::string question =
+      pending == 0 ? "the confirmed commit of this session is undone when it ends; leave? [y/N] "
+                   : std::to_string(pending) + " uncommitted change" + (pending == 1 ? "" : "s") +
+                         "; leave and drop " + (pending == 1 ? "it" : "them") + "? [y/N] ";
   char* answer = ReadlineGuarded(question.c_str());
   const bool yes = answer && (std::strcmp(answer, "y") == 0 || std::strcmp(answer, "yes") == 0);
   if (!answer) std::fputs("\n", rl_outstream);
@@ -227,18 +228,19 @@ int RunShell(Session& session, std::istream& in, std::ostream& err, bool termina
   int result = kExitOk;
   std::string line, error;
   std::vector<std::string> words;
+  std::vector<bool> quoted;
   for (;;) {
     if (!ReadLine(in, terminal, &line)) {
       if (ConfirmLeaving(session, terminal)) break;
       continue;
     }
-    if (!SplitWords(line, &words, &error)) {
+    if (!SplitWords(line, &words, &error, &quoted)) {
       err << "error: " << error << std::endl;
       result = kExitUsage;
       continue;
     }
     if (words.empty()) continue;
-    const ParseResult parsed = Parse(words, Context::kShell);
+    const ParseResult parsed = Parse(words, Context::kShell, &quoted);
     if (!parsed.command) {
       err << "error: " << parsed.error << std::endl;
       result = kExitUsage;

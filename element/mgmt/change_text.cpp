@@ -11,8 +11,13 @@ namespace {
 
 std::string KeyText(const char* text) {
   const std::string key = text ? text : "";
-  if (!key.empty() && key.find_first_of(" \t{}\"") == std::string::npos) return key;
-  return "\"" + key + "\"";
+  if (!key.empty() && key.find_first_of(" \t{}\"\\") == std::string::npos) return key;
+  std::string out = "\"";
+  for (const char c : key) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out + "\"";
 }
 
 // The leaves and leaf-list entries below an entry, its keys left out, in schema order.

@@ -28,7 +28,10 @@ bool ParseDataPath(const lys_module* module, std::string_view text, DataPath* ou
     }
     const lysc_node* node = lys_find_child(parent, module, seg.name.c_str(), 0, 0, 0);
     if (!node || (node->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF))) {
-      *error = "no node \"" + seg.name + "\" at " + (out->path.empty() ? "/" : out->path);
+      // Named as the request wrote it, not as the XPath it becomes.
+      const size_t at = s == 0 ? 0 : segments[s - 1].end;
+      *error =
+          "no node \"" + seg.name + "\" at " + (at == 0 ? "/" : std::string(text.substr(0, at)));
       return false;
     }
     out->path += "/";

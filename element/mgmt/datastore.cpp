@@ -425,6 +425,15 @@ std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
     lyd_free_siblings(doc);
     return nullptr;
   }
+  // A repeated entry is refused whether or not it is new.
+  if (const lyd_node* repeated = RepeatedEntry(doc)) {
+    char* path = lyd_path(repeated, LYD_PATH_STD, nullptr, 0);
+    *error = {std::string("Duplicate instance of \"") + repeated->schema->name + "\".",
+              path ? path : ""};
+    free(path);
+    lyd_free_siblings(doc);
+    return nullptr;
+  }
   bool units = true;
   for (lyd_node* top = doc; top && units; top = top->next) {
     if (top->schema->nodetype != LYS_CONTAINER || (top->schema->flags & LYS_PRESENCE)) {

@@ -1,5 +1,8 @@
 #include "element/mgmt/entry_key.h"
 
+#include <set>
+#include <utility>
+
 namespace pbr::mgmt {
 namespace {
 
@@ -39,6 +42,19 @@ EntryKey EntryKey::Of(const lyd_node* entry) {
     key.parts_.push_back(Part(k));
   }
   return key;
+}
+
+const lyd_node* RepeatedEntry(const lyd_node* tree) {
+  for (const lyd_node* top = tree; top; top = top->next) {
+    std::set<std::pair<const lysc_node*, EntryKey>> seen;
+    for (const lyd_node* child = lyd_child(top); child; child = child->next) {
+      if (child->schema && child->schema->nodetype == LYS_LIST &&
+          !seen.emplace(child->schema, EntryKey::Of(child)).second) {
+        return child;
+      }
+    }
+  }
+  return nullptr;
 }
 
 }  // namespace pbr::mgmt

@@ -48,7 +48,9 @@ bool SplitKeypath(std::string_view text, std::vector<KeypathSegment>* out, std::
         }
         const char c = text[i];
         if (quoted) {
-          if (c == '"') {
+          if (c == '\\' && i + 1 < text.size()) {
+            key += text[++i];  // \" and \\ inside quotes
+          } else if (c == '"') {
             quoted = false;
           } else {
             key += c;

@@ -1,6 +1,6 @@
 // Keypaths as text, the form operator requests and CDB reads use: /router/pbr{7}/rule/priority
-// names an entry by its keys (separated by spaces; a key with spaces or braces in double
-// quotes), /router/pbr[3]/id by its position from 0.
+// names an entry by its keys (separated by spaces; a key with spaces, braces or quotes in double
+// quotes, where \" and \\ stand for " and \), /router/pbr[3]/id by its position from 0.
 #pragma once
 
 #include <string>

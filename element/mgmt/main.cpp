@@ -5,12 +5,15 @@
 #include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "element/mgmt/netconf_server.h"
@@ -45,6 +48,12 @@ Exit status: 0 stopped by a signal; 1 cannot start (another server runs, the sto
 configuration is invalid, the socket cannot be made); 2 invalid arguments.
 )";
 
+// SIGTERM and SIGINT end the loop; the log says so, so that a stop is told apart from a crash.
+int OnStop(sd_event_source* source, const signalfd_siginfo* info, void*) {
+  vqmw::Logger().info("pbr-mgmtd: {} received, stopping", strsignal(info->ssi_signo));
+  return sd_event_exit(sd_event_source_get_event(source), 0);
+}
+
 int OnHangup(sd_event_source*, const signalfd_siginfo*, void*) {
   vqmw::Logger().info("pbr-mgmtd: SIGHUP received, reopening the log");
   vqmw::ReopenLog();
@@ -52,29 +61,44 @@ int OnHangup(sd_event_source*, const signalfd_siginfo*, void*) {
   return 0;
 }
 
+// A whole number in 1..65535, as a port or a number of seconds; nothing else.
+bool ParseUint16(std::string_view text, uint16_t* value) {
+  const char* end = text.data() + text.size();
+  auto [ptr, ec] = std::from_chars(text.data(), end, *value);
+  return ec == std::errc() && ptr == end && *value > 0;
+}
+
 // NETCONF listens on netconf.sock beside mgmt.sock, and over SSH where
-// PBR_ELEMENT_NETCONF_SSH gives an address and port (ADDRESS:PORT).
-pbr::mgmt::NetconfOptions NetconfOptionsFromEnv(const pbr::mgmt::ServerOptions& server) {
-  pbr::mgmt::NetconfOptions options;
-  options.unixPath = server.runtimeDir + "/netconf.sock";
-  options.hostKeyPath = server.stateDir + "/netconf_host_key";
+// PBR_ELEMENT_NETCONF_SSH gives an address and port (ADDRESS:PORT). A value that cannot be
+// meant is refused rather than taken in part: the server would listen where nobody looks.
+bool NetconfOptionsFromEnv(const pbr::mgmt::ServerOptions& server,
+                           pbr::mgmt::NetconfOptions* options, std::string* error) {
+  options->unixPath = server.runtimeDir + "/netconf.sock";
+  options->hostKeyPath = server.stateDir + "/netconf_host_key";
   const passwd* self = ::getpwuid(::geteuid());
-  options.sshUser = self ? self->pw_name : "root";
+  options->sshUser = self ? self->pw_name : "root";
   const std::string home = self ? self->pw_dir : "/root";
   const char* keys = std::getenv("PBR_ELEMENT_NETCONF_AUTHORIZED_KEYS");
-  options.authorizedKeysPath = keys ? keys : home + "/.ssh/authorized_keys";
+  options->authorizedKeysPath = keys ? keys : home + "/.ssh/authorized_keys";
   if (const char* ssh = std::getenv("PBR_ELEMENT_NETCONF_SSH"); ssh && *ssh) {
-    const std::string endpoint = ssh;
+    const std::string_view endpoint = ssh;
     const size_t colon = endpoint.rfind(':');
-    if (colon != std::string::npos) {
-      options.sshAddress = endpoint.substr(0, colon);
-      options.sshPort = static_cast<uint16_t>(std::atoi(endpoint.c_str() + colon + 1));
+    if (colon == std::string_view::npos || colon == 0 ||
+        !ParseUint16(endpoint.substr(colon + 1), &options->sshPort)) {
+      *error = "PBR_ELEMENT_NETCONF_SSH is ADDRESS:PORT with a port 1..65535, not '" +
+               std::string(endpoint) + "'";
+      return false;
+    }
+    options->sshAddress = endpoint.substr(0, colon);
+  }
+  if (const char* idle = std::getenv("PBR_ELEMENT_NETCONF_IDLE"); idle && *idle) {
+    if (!ParseUint16(idle, &options->idleTimeout)) {
+      *error = "PBR_ELEMENT_NETCONF_IDLE is a number of seconds 1..65535, not '" +
+               std::string(idle) + "'";
+      return false;
     }
   }
-  if (const char* idle = std::getenv("PBR_ELEMENT_NETCONF_IDLE"); idle && std::atoi(idle) > 0) {
-    options.idleTimeout = static_cast<uint16_t>(std::atoi(idle));
-  }
-  return options;
+  return true;
 }
 
 }  // namespace
@@ -107,8 +131,8 @@ int main(int argc, char** argv) {
 
   sd_event* event = nullptr;
   if (sd_event_default(&event) < 0) return 1;
-  sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
-  sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
+  sd_event_add_signal(event, nullptr, SIGTERM, OnStop, nullptr);
+  sd_event_add_signal(event, nullptr, SIGINT, OnStop, nullptr);
   sd_event_add_signal(event, nullptr, SIGHUP, OnHangup, nullptr);
 
   std::string error;
@@ -118,8 +142,11 @@ int main(int argc, char** argv) {
     sd_event_unref(event);
     return 1;
   }
-  auto netconf =
-      pbr::mgmt::NetconfServer::Start(server.get(), NetconfOptionsFromEnv(options), &error);
+  pbr::mgmt::NetconfOptions netconfOptions;
+  std::unique_ptr<pbr::mgmt::NetconfServer> netconf;
+  if (NetconfOptionsFromEnv(options, &netconfOptions, &error)) {
+    netconf = pbr::mgmt::NetconfServer::Start(server.get(), netconfOptions, &error);
+  }
   if (!netconf) {
     vqmw::Logger().critical("pbr-mgmtd: NETCONF: {}", error);
     server.reset();

@@ -1,8 +1,11 @@
 #include "element/mgmt/netconf_edit.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 #include <vector>
+
+#include "element/mgmt/entry_key.h"
 
 namespace pbr::mgmt {
 namespace {
@@ -229,10 +232,8 @@ bool PlainConfig(const lyd_node* tree) {
   return true;
 }
 
-}  // namespace
-
-bool ParseConfigContent(ly_ctx* ctx, lyd_node* config, lyd_node** tree, std::string* error,
-                        std::string* path) {
+bool ReadConfigContent(ly_ctx* ctx, lyd_node* config, lyd_node** tree, std::string* error,
+                       std::string* path) {
   *tree = nullptr;
   if (!config) {
     *error = "missing <config>";
@@ -259,6 +260,25 @@ bool ParseConfigContent(ly_ctx* ctx, lyd_node* config, lyd_node** tree, std::str
     const char* msg = ly_errmsg(ctx);
     *error = msg ? msg : "invalid <config>";
     *path = LocationOf(ctx);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ParseConfigContent(ly_ctx* ctx, lyd_node* config, lyd_node** tree, std::string* error,
+                        std::string* path) {
+  if (!ReadConfigContent(ctx, config, tree, error, path)) return false;
+  // Applied entry by entry, a repeated entry would be folded into one where a new one is refused
+  // by validation: it is refused either way.
+  if (const lyd_node* repeated = RepeatedEntry(*tree)) {
+    *error = std::string("Duplicate instance of \"") + repeated->schema->name + "\".";
+    char* where = lyd_path(repeated, LYD_PATH_STD, nullptr, 0);
+    *path = where ? where : "";
+    free(where);
+    lyd_free_siblings(*tree);
+    *tree = nullptr;
     return false;
   }
   return true;

@@ -216,6 +216,8 @@ struct NetconfServer::Impl {
     if (acceptor.joinable()) acceptor.join();
     for (Worker& w : workers) w.thread.join();
     if (initialised) nc_server_destroy();
+    // As mgmt.sock: a socket file left behind would refuse clients until the next server binds.
+    if (initialised && !options.unixPath.empty()) ::unlink(options.unixPath.c_str());
   }
 
   bool Init(std::string* error);

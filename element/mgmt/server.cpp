@@ -300,7 +300,8 @@ struct Server::Impl {
                  std::string data = {});
 
   void HandleAttach(Session& session, uint64_t request, const Attach& attach);
-  // Applies a prepared commit; its id, or 0 when it was refused (answered already).
+  // Applies a prepared commit; its id, or 0 when it was refused or changes nothing (answered
+  // already).
   uint64_t HandleCommit(Session& session, uint64_t request, std::unique_ptr<Candidate> candidate,
                         const CommitInfo& info);
   void HandleCandidate(Session& session, uint64_t request, const CandidateRequest& req);
@@ -900,6 +901,12 @@ uint64_t Server::Impl::HandleCommit(Session& session, uint64_t request,
   }
   ChangeCounts counts;
   const CommitRecord commitRecord = RecordOf(*candidate, info, session, &counts);
+  if (counts.added + counts.changed + counts.deleted == 0) {
+    // The running configuration stays as it is: nothing is recorded, announced or saved.
+    Respond(session, request, nullptr,
+            nlohmann::json{{"added", 0}, {"changed", 0}, {"deleted", 0}}.dump());
+    return 0;
+  }
   std::optional<CommitNotice> notice;
   if (observer && observer->Listening()) notice = NoticeOf(*candidate, session);
   const uint64_t seqNo = ++seq;
@@ -1314,7 +1321,8 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
         Respond(session, request, &error);
         return;
       }
-      if (empty) {
+      // A commit of a candidate that changes nothing records no commit.
+      const auto commitNothing = [&] {
         if (commit && mine) {
           // Nothing new: a plain commit confirms, a confirmed one extends the window.
           if (req.has_confirm_timeout()) {
@@ -1334,6 +1342,9 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
           return;
         }
         Respond(session, request, nullptr, commit ? "{}" : "");
+      };
+      if (empty) {
+        commitNothing();
         return;
       }
       if (const std::string locked = LockedBy(candidateLock, session, "candidate");
@@ -1366,6 +1377,12 @@ void Server::Impl::HandleCandidate(Session& session, uint64_t request,
       }
       if (!commit) {
         Respond(session, request, nullptr);
+        return;
+      }
+      if (const ChangeCounts counts = store->Count(*prepared);
+          counts.added + counts.changed + counts.deleted == 0) {
+        candidate->Clear();
+        commitNothing();
         return;
       }
       const uint64_t id =
@@ -1455,7 +1472,7 @@ void Server::Impl::UndoConfirmed(Session& session, uint64_t request, const std::
   // Locks do not hold the undoing back: the holder's commit was the one to be confirmed.
   const uint64_t locked = std::exchange(runningLock, 0);
   HandleCommit(session, request, std::move(candidate),
-               {"cli", "undo of commit " + std::to_string(firstId) + ": " + why});
+               {session.client, "undo of commit " + std::to_string(firstId) + ": " + why});
   if (sessions.count(locked)) runningLock = locked;
 }
 
@@ -1601,7 +1618,7 @@ void Server::Impl::HandleRollback(Session& session, uint64_t request, const Roll
     return;
   }
   HandleCommit(session, request, std::move(candidate),
-               {"cli", "rollback to " + std::to_string(rollback.id())});
+               {session.client, "rollback to " + std::to_string(rollback.id())});
 }
 
 int Server::Impl::OnCompact(sd_event_source*, void* userdata) {

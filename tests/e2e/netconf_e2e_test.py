@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """NETCONF end to end: pbr-mgmtd and pbr-app (memory backend) as processes; a raw RFC 6242
 client over netconf.sock and ncclient over SSH. Usage: netconf_e2e_test.py BUILD_DIR"""
-import os, pwd, re, shutil, socket, subprocess, sys, tempfile, time, unittest
+import json, os, pwd, re, shutil, socket, subprocess, sys, tempfile, time, unittest
 
 BUILD = os.path.abspath(sys.argv.pop(1))
 NS = 'xmlns="urn:pbr-element:params:xml:ns:yang:pbr"'
@@ -211,6 +211,10 @@ class NetconfTest(unittest.TestCase):
              "invalid-value", "bogus"),
             (edit("candidate", f"<router {NS}><pbr-status><id>5</id></pbr-status></router>"),
              "invalid-value", "pbr-status"),
+            # an entry given twice, whether it exists or not
+            *((edit("running", f"<router {NS}>" + 2 * f"<pbr><id>{i}</id><rule><priority>{i}"
+                    "</priority></rule></pbr>" + "</router>"), "invalid-value",
+               f"<error-path>/pbr:router/pbr[id='{i}']</error-path>") for i in (1, 6)),
         ]
         for body, tag, path in cases:
             with self.subTest(body=body):
@@ -362,6 +366,13 @@ class NetconfTest(unittest.TestCase):
             with self.subTest(body=body):
                 self.assertIn(expected, session.rpc(body))
         other.close()
+        # The history names the client that cancelled a confirmed commit.
+        self.nc.rpc(edit("candidate", rule(18, 18)))
+        self.nc.rpc("<commit><confirmed/></commit>")
+        self.assertIn("<ok/>", self.nc.rpc("<cancel-commit/>"))
+        undo = json.loads(self.cli("show", "commits", "--json").stdout)[-1]
+        self.assertEqual(undo["client"], "netconf")
+        self.assertRegex(undo["comment"], r"^undo of commit \d+: aborted$")
 
     def test_unconfirmed_commit_is_undone(self):
         self.nc.rpc(edit("running", rule(4, 40)))

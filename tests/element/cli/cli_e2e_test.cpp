@@ -87,11 +87,26 @@ class CliE2e : public ::testing::Test {
 };
 
 TEST_F(CliE2e, EditsAndLoadsChangeTheRunningConfigurationAsShownAndItsTextsLoadBack) {
-  ExpectOk(Cli({"set", "/router/pbr{7}/rule/priority", "10", "--", "set",
-                "/router/pbr{7}/rule/description", "web \"front\" servers", "--", "set",
-                "/router/pbr{7}/rule/match/interface{eth1}", "--", "set",
-                "/router/pbr{7}/rule/match/interface{eth0}", "--", "set",
-                "/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip", "10.1.2.3/16"}));
+  ExpectOk(Cli({"set",
+                "/router/pbr{7}/rule/priority",
+                "10",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/description",
+                "web \"front\" servers",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/match/interface{eth1}",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/match/interface{eth0}",
+                "--",
+                "set",
+                R"(/router/pbr{7}/rule/match/interface{"q\"\\x"})",
+                "--",
+                "set",
+                "/router/pbr{7}/rule/match/destination/ipv4-address/mask/ip",
+                "10.1.2.3/16"}));
   ExpectOk(Cli({"delete", "/router/pbr{7}/rule/match/interface{eth1}"}));
   const std::string json =
       WriteFile("merge.json", R"({"pbr:router": {"pbr": [{"id": 65535, "rule": {"priority": 0,
@@ -100,10 +115,13 @@ TEST_F(CliE2e, EditsAndLoadsChangeTheRunningConfigurationAsShownAndItsTextsLoadB
   EXPECT_EQ(Show(),
             "router\n  pbr{7}\n    rule\n      priority 10\n"
             "      description \"web \\\"front\\\" servers\"\n      match\n"
-            "        interface{eth0}\n        destination\n          ipv4-address\n"
+            "        interface{eth0}\n        interface{\"q\\\"\\\\x\"}\n        destination\n"
+            "          ipv4-address\n"
             "            mask\n              ip 10.1.2.3/16\n"
             "  pbr{65535}\n    rule\n      priority 0\n      match\n        source\n"
             "          ipv4-address\n            no-mask\n              ip 0.0.0.0\n");
+
+  EXPECT_NE(Running().find(R"("q\"\\x")"), std::string::npos);  // the key q"\x
 
   // As set commands fed to the shell, and as XML replacing what is there (the format option
   // wins over the name), the running configuration loads back as it was.
@@ -174,7 +192,7 @@ TEST_F(CliE2e, InvalidConfigurationsAreRefusedWithPathAndReasonAndChangeNothing)
        "70000 is out of range 0..65535"},
       {{"set", "/router/pbr{7}/rule/colour", "red"},
        "/router/pbr/rule/colour",
-       "no node \"colour\""},
+       "no node \"colour\" at /router/pbr{7}/rule\n"},
       {{"delete", "/router/pbr{9}"}, "/router/pbr", "no such node"},
       // One bad operation refuses the whole commit.
       {{"set", "/router/pbr{11}/rule/priority", "1", "--", "set", rule8 + "/description", "x"},
@@ -297,6 +315,7 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
   struct Case {
     std::vector<std::string> args;
     std::string out;
+    std::string input = {};  // to the shell, without args
   };
   const std::vector<Case> cases = {
       {{"show", "commit", "2"}, "delete /router/pbr{1}\nset /router/pbr{2}/rule/priority 22\n"},
@@ -305,10 +324,14 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
        "set /router/pbr{1}/rule/priority 1\nset /router/pbr{2}/rule/priority 2\n"
        "delete /router/pbr{3}\n"},
       {{"rollback", "1"}, "committed (commit 4)\n"},
+      // What changes nothing is no commit: neither in the history nor in the log.
+      {{"rollback", "1"}, "nothing to commit: the configuration is as it was after commit 1\n"},
+      {{"set", "/router/pbr{2}/rule/priority", "2"}, ""},
+      {{}, "nothing to commit\n", "set /router/pbr{2}/rule/priority 2\ncommit\n"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.args[0]);
-    const ChildResult r = Cli(c.args);
+    SCOPED_TRACE(c.args.empty() ? c.input : c.args[0]);
+    const ChildResult r = Cli(c.args, c.input);
     ExpectOk(r);
     EXPECT_EQ(r.out, c.out);
   }
@@ -323,8 +346,12 @@ TEST_F(CliE2e, HistoryRollbackAndLoadSummariesSurviveARestart) {
   EXPECT_EQ(commits[3]["comment"], "rollback to 1");
   EXPECT_FALSE(commits[0]["user"].get<std::string>().empty());
   EXPECT_EQ(Cli({"show", "commit", "9"}).status, kRefused);
-  ExpectOk(Cli({"set", "/router/pbr{5}/rule/priority", "5"}));
+  ExpectOk(Cli({}, "set /router/pbr{5}/rule/priority 5\ncommit comment \"two\\nlines\"\n"));
   EXPECT_EQ(nlohmann::json::parse(Cli({"show", "commits", "--json"}).out).back()["id"], 5);
+  // One commit a line, whatever its comment holds.
+  const ChildResult table = Cli({"show", "commits"});
+  EXPECT_THAT(table.out, ::testing::EndsWith(" two\\nlines\n"));
+  EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), 6) << table.out;
 }
 
 // The rule ids the memory backend holds, once they are `want` (waits for its paced rewrite).

@@ -87,6 +87,10 @@ TEST(Command, RefusesMalformedCommandsWithAReason) {
     EXPECT_FALSE(r.command.has_value()) << ::testing::PrintToString(words);
     EXPECT_FALSE(r.error.empty());
   }
+  // Hints name what can be shown here: the candidate only in the shell.
+  EXPECT_EQ(ParseOneShot({"show"}).error, "show what? running, pbr, commits or commit ID");
+  EXPECT_EQ(Parse(Words{"show"}, Context::kShell).error,
+            "show what? running, pbr, candidate, commits or commit ID");
 }
 
 TEST(CommandLoad, FormatFromTheExtensionOrTheOption) {
@@ -161,13 +165,20 @@ TEST(ShellWords, QuotesGroupAndKeyBlocksStayWhole) {
 }
 
 TEST(ShellWords, ACandidateChangeReadsBackAsTheSameChange) {
-  for (const std::string value :
-       {"10", "two words", R"(with "quotes" and \ )", "", "#hash", "{braces}", "it's"}) {
+  for (const std::string value : {"10", "two words", R"(with "quotes" and \ )", "", "#hash",
+                                  "{braces}", "it's", "--", "two\nlines\r", "tab\t", R"(\n)"}) {
     mgmt::EditOperation op;
     op.set_path("/router/pbr{7}/rule/description");
     op.set_value(value);
-    const EditCommand back = As<EditCommand>(Parse(Split(FormatOperation(op)), Context::kShell));
-    ASSERT_EQ(back.operations.size(), 1u);
+    // As one line, and followed by another change.
+    const std::string line = FormatOperation(op) + " -- delete /router/pbr{8}";
+    ASSERT_EQ(line.find('\n'), std::string::npos) << line;
+    Words words;
+    std::vector<bool> quoted;
+    std::string error;
+    ASSERT_TRUE(SplitWords(line, &words, &error, &quoted)) << error;
+    const EditCommand back = As<EditCommand>(Parse(words, Context::kShell, &quoted));
+    ASSERT_EQ(back.operations.size(), 2u) << line;
     EXPECT_EQ(back.operations[0].value(), value) << FormatOperation(op);
   }
   mgmt::EditOperation del;

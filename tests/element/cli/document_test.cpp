@@ -29,6 +29,12 @@ TEST_F(Document, WellFormedJsonAndAnyXmlAreReadWhole) {
   text.clear();
   ASSERT_TRUE(ReadDocument(Write("a.xml", "<router"), mgmt::Load::XML, &text, &error)) << error;
   EXPECT_EQ(text, "<router");
+  // A byte order mark, as some editors write, is no part of the content.
+  for (const auto format : {mgmt::Load::JSON, mgmt::Load::XML}) {
+    text.clear();
+    ASSERT_TRUE(ReadDocument(Write("bom", "\xef\xbb\xbf" + json), format, &text, &error)) << error;
+    EXPECT_EQ(text, json);
+  }
 }
 
 TEST_F(Document, MalformedJsonAndUnreadableFilesAreRefusedWithWhereAndWhy) {

@@ -1,6 +1,8 @@
 // The texts pbr-cli prints: the configuration tree, the rule table and refusals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "element/cli/config_tree.h"
 #include "element/cli/error_text.h"
 #include "element/cli/rule_view.h"
@@ -146,6 +148,15 @@ TEST(RuleView, UnreadableDocumentsAreRefusedAndOverlongCellsKeepColumnsApart) {
   EXPECT_NE(table.find("4294967295 -          -               255.255.255.255/32-and-more -"),
             std::string::npos)
       << table;
+
+  // Control characters in names and descriptions neither break rows nor reach the terminal.
+  rows[0].interfaces = {"e\tx"};
+  rows[0].description = "two\nlines \x1b[2J";
+  table.clear();
+  FormatRuleTable(rows, 1, &table);
+  EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 3) << table;
+  EXPECT_NE(table.find(" e\\tx            "), std::string::npos) << table;
+  EXPECT_NE(table.find(" two\\nlines \\x1b[2J\n"), std::string::npos) << table;
 }
 
 using Keypath = SchemaTest;

@@ -134,6 +134,9 @@ TEST(ShellOnATerminal, CompletesExplainsRefusesEarlyAndKeepsChangesUntilLeavingI
       {"Ctrl-D asks first", "\x04", "1 uncommitted change; leave and drop it? [y/N] "},
       {"declined, the change stays", "n\rshow candidate\r", "set /router/pbr{7}/rule/priority 5"},
       {"quit asks too", "quit\r", "leave and drop it? [y/N] "},
+      {"a confirmed commit", "n\rcommit confirmed 60\r", "undone in 60 s unless confirmed"},
+      {"leaving undoes it: asked first", "exit\r",
+       "the confirmed commit of this session is undone when it ends; leave? [y/N] "},
   };
   for (const Step& step : steps) {
     SCOPED_TRACE(step.what);

@@ -186,6 +186,9 @@ TEST_F(DatastoreTest, RefusalsNameTheRuleWhicheverWayTheConfigurationComes) {
   const std::string noPriority =
       R"({"pbr:router":{"pbr":[{"id":50,"rule":{"priority":1}},{"id":51,"rule":{}}]}})";
   const std::string badId = R"({"pbr:router":{"pbr":[{"id":70000,"rule":{"priority":1}}]}})";
+  const std::string twice =
+      R"({"pbr:router":{"pbr":[{"id":7,"rule":{"priority":1}},{"id":7,"rule":{"priority":2}}]}})";
+  Commit(Merge(kRule7));
   auto replace = [](const std::string& json) {
     Load load = Merge(json);
     load.set_mode(Load::REPLACE);
@@ -206,6 +209,8 @@ TEST_F(DatastoreTest, RefusalsNameTheRuleWhicheverWayTheConfigurationComes) {
       {Refuse(Merge(noPriority)), "/pbr:router/pbr[id='51']/rule/priority", "Mandatory"},
       {Refuse(replace(badId)), "/pbr:router/pbr[id='70000']/id\"", "70000"},
       {Refuse(Merge(badId)), "/pbr:router/pbr[id='70000']/id\"", "70000"},
+      {Refuse(replace(twice)), "/pbr:router/pbr[id='7']", "Duplicate instance"},
+      {Refuse(Merge(twice)), "/pbr:router/pbr[id='7']", "Duplicate instance"},
   };
   for (const auto& c : cases) {
     EXPECT_THAT(c.error.path, HasSubstr(c.path)) << c.error.message;

@@ -72,6 +72,7 @@ INSTANTIATE_TEST_SUITE_P(EveryBinary, Arguments, ::testing::ValuesIn(Cases()));
 TEST(ManagementServer, RemovesItsSocketOnExitAndServesAgainAfterARestart) {
   pbrtest::ElementEnv env;
   const std::filesystem::path socket = env.RuntimeDir() + "/mgmt.sock";
+  const std::filesystem::path netconf = env.RuntimeDir() + "/netconf.sock";
   const std::string notify = (env.root() / "notify").string();
   for (int run = 0; run < 2; ++run) {
     std::string error;
@@ -81,6 +82,25 @@ TEST(ManagementServer, RemovesItsSocketOnExitAndServesAgainAfterARestart) {
     server->Signal(SIGTERM);
     EXPECT_EQ(server->Finish(10s).status, 0);
     EXPECT_FALSE(std::filesystem::exists(socket)) << "run " << run;
+    EXPECT_FALSE(std::filesystem::exists(netconf)) << "run " << run;
+    EXPECT_NE(env.Log().find("pbr-mgmtd: Terminated received, stopping"), std::string::npos);
+  }
+}
+
+// A NETCONF endpoint or idle time that cannot be meant stops the start with the reason, rather
+// than a server listening on a port the value wrapped to.
+TEST(ManagementServer, RefusesToStartOnAnInvalidNetconfSetting) {
+  for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+           {"PBR_ELEMENT_NETCONF_SSH", "127.0.0.1:99999"},
+           {"PBR_ELEMENT_NETCONF_SSH", "8830"},
+           {"PBR_ELEMENT_NETCONF_IDLE", "70000"}}) {
+    SCOPED_TRACE(value);
+    pbrtest::ElementEnv env;
+    env.Set(name, value);
+    const pbrtest::ChildResult r = pbrtest::RunChild({PBR_MGMTD_BIN}, {}, 10s);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(env.Log(), HasSubstr(name + " is "));
+    EXPECT_THAT(env.Log(), HasSubstr("not '" + value + "'"));
   }
 }
 
