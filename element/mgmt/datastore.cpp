@@ -426,11 +426,7 @@ std::unique_ptr<Candidate> Datastore::Prepare(Load load, CommitError* error) {
     return nullptr;
   }
   // A repeated entry is refused whether or not it is new.
-  if (const lyd_node* repeated = RepeatedEntry(doc)) {
-    char* path = lyd_path(repeated, LYD_PATH_STD, nullptr, 0);
-    *error = {std::string("Duplicate instance of \"") + repeated->schema->name + "\".",
-              path ? path : ""};
-    free(path);
+  if (RepeatedEntry(doc, &error->message, &error->path)) {
     lyd_free_siblings(doc);
     return nullptr;
   }

@@ -1,5 +1,6 @@
 #include "element/mgmt/entry_key.h"
 
+#include <cstdlib>
 #include <set>
 #include <utility>
 
@@ -44,17 +45,21 @@ EntryKey EntryKey::Of(const lyd_node* entry) {
   return key;
 }
 
-const lyd_node* RepeatedEntry(const lyd_node* tree) {
+bool RepeatedEntry(const lyd_node* tree, std::string* message, std::string* path) {
   for (const lyd_node* top = tree; top; top = top->next) {
     std::set<std::pair<const lysc_node*, EntryKey>> seen;
     for (const lyd_node* child = lyd_child(top); child; child = child->next) {
       if (child->schema && child->schema->nodetype == LYS_LIST &&
           !seen.emplace(child->schema, EntryKey::Of(child)).second) {
-        return child;
+        *message = std::string("Duplicate instance of \"") + child->schema->name + "\".";
+        char* where = lyd_path(child, LYD_PATH_STD, nullptr, 0);
+        *path = where ? where : "";
+        std::free(where);
+        return true;
       }
     }
   }
-  return nullptr;
+  return false;
 }
 
 }  // namespace pbr::mgmt

@@ -24,9 +24,10 @@ class EntryKey {
   std::vector<std::variant<int64_t, uint64_t, std::string>> parts_;
 };
 
-// The first list entry below a top-level node of `tree` (and its siblings) whose keys an
-// earlier entry of the same list has; null when none repeats. Documents are checked with it
-// before entries are merged by their keys, which would fold a repeated entry into one.
-const lyd_node* RepeatedEntry(const lyd_node* tree);
+// Whether a list entry below a top-level node of `tree` (and its siblings) has the keys of an
+// earlier entry of the same list; then libyang's message for it and the entry's data path.
+// Documents are checked with it before entries are merged by their keys, which would fold a
+// repeated entry into one.
+bool RepeatedEntry(const lyd_node* tree, std::string* message, std::string* path);
 
 }  // namespace pbr::mgmt

@@ -272,11 +272,7 @@ bool ParseConfigContent(ly_ctx* ctx, lyd_node* config, lyd_node** tree, std::str
   if (!ReadConfigContent(ctx, config, tree, error, path)) return false;
   // Applied entry by entry, a repeated entry would be folded into one where a new one is refused
   // by validation: it is refused either way.
-  if (const lyd_node* repeated = RepeatedEntry(*tree)) {
-    *error = std::string("Duplicate instance of \"") + repeated->schema->name + "\".";
-    char* where = lyd_path(repeated, LYD_PATH_STD, nullptr, 0);
-    *path = where ? where : "";
-    free(where);
+  if (RepeatedEntry(*tree, error, path)) {
     lyd_free_siblings(*tree);
     *tree = nullptr;
     return false;
